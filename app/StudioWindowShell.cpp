@@ -1,0 +1,102 @@
+#include "StudioWindow.h"
+
+#include "DiagnosticLog.h"
+#include "i18n.h"
+
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
+#include <QLabel>
+#include <QMessageBox>
+#include <QProcess>
+#include <QProgressBar>
+#include <QSignalBlocker>
+#include <QUrl>
+#include <algorithm>
+#include <stdexcept>
+
+void StudioWindow::notify(const QString& text)
+{
+    statusLabel->setText(text);
+    logLine(QStringLiteral("UI: ") + text);
+}
+
+void StudioWindow::logLine(const QString& text)
+{
+    velmora::appendLogLine(text);
+}
+
+QString StudioWindow::logPath()
+{
+    return velmora::logFilePath();
+}
+
+QPushButton* StudioWindow::button(const QString& text)
+{
+    auto* made = new QPushButton(text);
+    made->setMinimumHeight(36);
+    made->setMinimumWidth(made->sizeHint().width());
+    return made;
+}
+
+void StudioWindow::runGuarded(const std::function<void()>& handler)
+{
+    try {
+        handler();
+    } catch (const std::exception& error) {
+        notify(T(error.what()));
+        QMessageBox::warning(this, T("Velmora"), T(error.what()), QMessageBox::Ok);
+    }
+}
+
+void StudioWindow::meter(QProgressBar* bar, int value)
+{
+    bar->setValue(std::clamp(value, 0, 100));
+    const int band = value >= 90 ? 2 : value >= 70 ? 1 : 0;
+    // Restyling 30 times a second is costly: the stylesheet changes only when the colour band does.
+    const QVariant shown = bar->property("band");
+    if (shown.isValid() && shown.toInt() == band)
+        return;
+    bar->setProperty("band", band);
+    static const char* const colours[] = {"#29a782", "#e3b23c", "#d6453d"};
+    bar->setStyleSheet(QStringLiteral("QProgressBar::chunk{background:%1;border-radius:4px;}")
+                           .arg(QLatin1String(colours[band])));
+}
+
+void StudioWindow::languageChosen(int index)
+{
+    const QString chosen = index == 1 ? QStringLiteral("en") : QStringLiteral("es");
+    if (chosen == tavrin_i18n::language())
+        return;
+    settings.setValue(QStringLiteral("language"), chosen);
+    settings.sync();
+    const auto answer = QMessageBox::question(this, T("Idioma"),
+                                              T("El idioma cambiará al volver a abrir la app. ¿Reiniciar ahora?"),
+                                              QMessageBox::Yes | QMessageBox::No);
+    if (answer != QMessageBox::Yes)
+        return;
+    QProcess::startDetached(QCoreApplication::applicationFilePath(), {});
+    close();
+}
+
+void StudioWindow::about()
+{
+    QMessageBox box(this);
+    box.setIcon(QMessageBox::Information);
+    box.setWindowTitle(T("Velmora · créditos y licencias"));
+    QPushButton* openLog = box.addButton(T("Abrir carpeta del registro"), QMessageBox::ActionRole);
+    box.addButton(QMessageBox::Ok);
+    box.setText(T("Velmora usa bibliotecas de código abierto: Qt (LGPL 3), GStreamer y sus complementos (LGPL 2.1 "
+                  "o posterior), GLib (LGPL 2.1 o posterior). Puedes reemplazar estas bibliotecas por versiones "
+                  "modificadas de ellas.") +
+                QStringLiteral("\n\n") +
+                T("La traducción es automática y puede contener errores. El audio seleccionado se envía a OpenAI "
+                  "solo al activar IA. La voz es sintética. API con facturación separada.") +
+                QStringLiteral("\n\n") +
+                T("Esta versión requiere pruebas de hardware y emisión antes de usarla en un culto.") +
+                QStringLiteral("\n\n") + T("Registro técnico: ") + logPath());
+    box.exec();
+    if (box.clickedButton() == openLog)
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(logPath()).absolutePath()));
+}
