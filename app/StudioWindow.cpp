@@ -1,14 +1,19 @@
 #include "StudioWindow.h"
 
+#include "Canvas.h"
+#include "Media.h"
 #include "Picture.h"
 #include "i18n.h"
 
+#include <QCheckBox>
 #include <QCloseEvent>
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QIcon>
 #include <QLabel>
+#include <QLineEdit>
 #include <QScrollArea>
+#include <QShortcut>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -28,29 +33,48 @@ StudioWindow::StudioWindow(bool smoke)
     buildHeaderRow(column);
     buildToolRow(column);
     buildMainRow(column);
+    buildTakeRow(column);
     buildTabs(column);
 
     statusLabel = new QLabel(T("Elige cámara y audio, pulsa Conectar fuentes y luego AL AIRE."), central);
     statusLabel->setWordWrap(true);
     column->addWidget(statusLabel);
 
+    camera = std::make_shared<Media>(width, height, nullptr, std::string(), true, false);
+    epochUs = g_get_monotonic_time();
+    frameClock = FrameClock(epochUs);
+
     scenes[0] = {defaultScene(0)};
     scenes[1] = {defaultScene(1)};
     hallProgram = defaultScene(1);
+    refreshSceneList();
+    canvas->select(0);
+
+    connect(formatCombo, &QComboBox::currentIndexChanged, this,
+            [this](int index) { runGuarded([this, index] { formatChosen(index); }); });
+    auto* space = new QShortcut(QKeySequence(Qt::Key_Space), this);
+    connect(space, &QShortcut::activated, this, &StudioWindow::spacePressed);
+
+    tickTimer.setTimerType(Qt::PreciseTimer);
+    tickTimer.setInterval(5);
+    connect(&tickTimer, &QTimer::timeout, this, &StudioWindow::tick);
+    tickTimer.start();
 }
 
 StudioWindow::~StudioWindow()
 {
     tickTimer.stop();
-    if (hallWindow) {
-        hallWindow->onHide = nullptr;
-        hallWindow->hide();
-        delete hallWindow;
-    }
+    hallWindow->onHide = nullptr;
+    hallWindow->hide();
+    hallWindow.reset();
+    videoDevices.clear();
     for (auto& busScenes : scenes)
         busScenes.clear();
     program = {};
     hallProgram = {};
+    for (auto& teardown : retired)
+        teardown.wait();
+    retired.clear();
 }
 
 void StudioWindow::buildHeaderRow(QVBoxLayout* column)
@@ -91,6 +115,19 @@ void StudioWindow::buildMainRow(QVBoxLayout* column)
 {
     auto* row = new QHBoxLayout;
     auto* previewColumn = new QVBoxLayout;
+    auto* busRow = new QHBoxLayout;
+    busRow->addWidget(new QLabel(T("PREPARACIÓN para:")));
+    busButtons = {button(T("Redes (YouTube/Facebook)")), button(T("Pantallas de sala"))};
+    for (int bus = 0; bus < 2; ++bus) {
+        busButtons[bus]->setCheckable(true);
+        busButtons[bus]->setChecked(bus == 0);
+        connect(busButtons[bus], &QPushButton::clicked, this, [this, bus] { busChosen(bus); });
+        busRow->addWidget(busButtons[bus]);
+    }
+    busRow->addStretch();
+    previewColumn->addLayout(busRow);
+    canvas = new Canvas;
+    previewColumn->addWidget(canvas, 1);
     row->addLayout(previewColumn, 3);
 
     auto* programColumn = new QVBoxLayout;
@@ -103,8 +140,39 @@ void StudioWindow::buildMainRow(QVBoxLayout* column)
     row->addLayout(programColumn, 2);
     column->addLayout(row, 3);
 
-    hallWindow = new Picture;
+    hallWindow = std::make_unique<Picture>();
     hallWindow->setWindowTitle(T("Velmora · Programa"));
+}
+
+void StudioWindow::buildTakeRow(QVBoxLayout* column)
+{
+    auto* row = new QHBoxLayout;
+    sceneCombo = new QComboBox;
+    sceneCombo->setMinimumWidth(150);
+    sceneCombo->setToolTip(T("Escena en Preparación"));
+    connect(sceneCombo, &QComboBox::currentIndexChanged, this, &StudioWindow::sceneChosen);
+    row->addWidget(sceneCombo);
+    overlayField = new QLineEdit;
+    overlayField->setPlaceholderText(T("Título, versículo o cinta inferior..."));
+    overlayField->setMaxLength(500);
+    row->addWidget(overlayField, 1);
+    bandCheck = new QCheckBox(T("Banda"));
+    row->addWidget(bandCheck);
+    fadeCheck = new QCheckBox(T("Fundido 0.4 s"));
+    fadeCheck->setChecked(true);
+    connect(fadeCheck, &QCheckBox::toggled, this, [this](bool on) { fadeEnabled = on; });
+    row->addWidget(fadeCheck);
+    takeButton = button(T("AL AIRE  →"));
+    takeButton->setObjectName(QStringLiteral("take"));
+    takeButton->setMinimumWidth(150);
+    connect(takeButton, &QPushButton::clicked, this, &StudioWindow::take);
+    row->addWidget(takeButton);
+    offAirButton = button(T("Fuera del aire"));
+    offAirButton->setObjectName(QStringLiteral("offair"));
+    offAirButton->setToolTip(T("Manda pantalla negra al Programa"));
+    connect(offAirButton, &QPushButton::clicked, this, &StudioWindow::offAir);
+    row->addWidget(offAirButton);
+    column->addLayout(row);
 }
 
 void StudioWindow::buildTabs(QVBoxLayout* column)

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "Compositor.h"
+#include "FrameClock.h"
+#include "GstPtr.h"
 #include "SceneDef.h"
 
 #include <QMainWindow>
@@ -8,14 +11,23 @@
 #include <QTimer>
 #include <array>
 #include <functional>
+#include <future>
+#include <memory>
 #include <vector>
 
+class Canvas;
+class Media;
 class Picture;
+class QCheckBox;
 class QComboBox;
 class QLabel;
+class QLineEdit;
 class QProgressBar;
 class QTabWidget;
 class QVBoxLayout;
+namespace tavrin {
+struct Frame;
+}
 
 // The studio's one main window and the owner of everything: scenes, both Programs, pipelines,
 // settings and widgets. Handlers of its widgets work directly on its members.
@@ -39,7 +51,22 @@ public:
     SceneDef& scene();
     void about();
 
+    void tick();
+    void take();
+    void offAir();
+    QImage compose(SceneDef scene, const QString& title, bool band, int width, int height, bool hall, bool preview);
+
+    std::shared_ptr<Media> openMedia(const QString& address);
+    std::shared_ptr<tavrin::Frame> decodeImage(const QString& path);
+    // Stopping a pipeline may block, so the last reference is dropped on a worker.
+    template <typename Owner> void retireMedia(Owner object);
+
+    void addLayer(Layer layer);
+    void refreshSceneList();
+    void refreshLayerList();
+
     friend class tst_StudioWindow;
+    friend class tst_Take;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -49,8 +76,20 @@ private:
     void buildHeaderRow(QVBoxLayout* column);
     void buildToolRow(QVBoxLayout* column);
     void buildMainRow(QVBoxLayout* column);
+    void buildTakeRow(QVBoxLayout* column);
     void buildTabs(QVBoxLayout* column);
     void languageChosen(int index);
+    void formatChosen(int index);
+    void busChosen(int bus);
+    void sceneChosen(int index);
+    void spacePressed();
+
+    void pollSources();
+    void reopenCamera();
+    void reapRetired();
+    void frameStage(std::int64_t nowUs);
+    void writeDiagnostics(const QImage& preview);
+    void smokeStep(const QImage& streamProgram, const QImage& preview);
 
     int width = 1920;
     int height = 1080;
@@ -66,18 +105,49 @@ private:
 
     Picture* hallMonitor = nullptr;
     Picture* programMonitor = nullptr;
-    Picture* hallWindow = nullptr;
+    std::unique_ptr<Picture> hallWindow; // the one widget without a parent
+    Canvas* canvas = nullptr;
     QComboBox* languageCombo = nullptr;
     QComboBox* formatCombo = nullptr;
+    QComboBox* sceneCombo = nullptr;
+    QLineEdit* overlayField = nullptr;
+    QCheckBox* bandCheck = nullptr;
+    QCheckBox* fadeCheck = nullptr;
+    QPushButton* takeButton = nullptr;
+    QPushButton* offAirButton = nullptr;
+    std::array<QPushButton*, 2> busButtons{};
     QTabWidget* tabs = nullptr;
     QLabel* statusLabel = nullptr;
 
+    std::shared_ptr<Media> camera;
+    int cameraIndex = -1;
+    std::int64_t cameraReopenAtUs = 0;
+    std::vector<gstptr::Device> videoDevices;
+    std::vector<std::future<void>> retired;
+
     QTimer tickTimer;
+    std::int64_t epochUs = 0;
+    FrameClock frameClock;
+    int smokeFrames = 0;
     bool smoke = false;
+    bool cameraFirstFrameLogged = false;
+    int lastDiagFrame = 0;
+    double fadeProgress = 1.0;
+    QImage fadeFrom;
+    std::int64_t fadeStartUs = 0;
+    bool fadeEnabled = true;
+    Compositor compositor;
     QSettings settings;
 };
 
 template <typename Handler> void StudioWindow::action(QPushButton* target, Handler handler)
 {
     connect(target, &QPushButton::clicked, this, [this, handler] { runGuarded(handler); });
+}
+
+template <typename Owner> void StudioWindow::retireMedia(Owner object)
+{
+    if (!object)
+        return;
+    retired.push_back(std::async(std::launch::async, [owned = std::move(object)]() mutable { owned = {}; }));
 }

@@ -9,11 +9,16 @@ studio_packages=(
   qt6-base-dev qt6-base-dev-tools libgl-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-x
+  gstreamer1.0-pulseaudio glib-networking
+  libsecret-1-dev
   fonts-dejavu-core
   xvfb xauth
 )
 test_packages=(
   ffmpeg
+  nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl
+  pulseaudio pulseaudio-utils
+  gnome-keyring libsecret-tools dbus
 )
 
 wanted=("${studio_packages[@]}")
