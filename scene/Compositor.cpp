@@ -2,24 +2,23 @@
 
 #include "Frame.h"
 #include "Media.h"
+#include "TextPainting.h"
 #include "i18n.h"
 
-#include <QFontMetricsF>
 #include <QHash>
-#include <QRgb>
 #include <QRgba64>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <new>
 #include <vector>
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define VELMORA_SSE2 1
-#endif
+using textpainting::drawPasses;
+using textpainting::drawTextLayer;
+using textpainting::finishingFont;
+using textpainting::paintedBounds;
+using textpainting::Scratch;
 
 // The literal way (drawLayer and Mode::Literal) is the reference: it wraps every frame and lays out
 // every text on each call. Mode::Fast must give the same pixels, so it never draws differently; it
@@ -35,7 +34,6 @@ namespace {
 constexpr quint64 keepCompositions = 6;
 
 const QColor missingColour(0, 0, 0, 200);
-const QColor shadowColour(0, 0, 0, 200);
 
 QImage wrap(const tavrin::Frame& frame)
 {
@@ -85,334 +83,10 @@ Placement place(const QSizeF& frameSize, const QRectF& box, bool cover)
     return {QRectF(corner, shown), QRectF(QPointF(0, 0), frameSize)};
 }
 
-// From QPainter's premultiplied ARGB32 to the outputs' RGBA bytes. On a little-endian machine both
-// are 32-bit words that differ by the order of red and blue, so an opaque pixel, which is what
-// compose makes, only swaps two bytes; only the others need the division.
-#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
-constexpr bool packedSwap = true;
-#else
-constexpr bool packedSwap = false;
-#endif
-
-inline quint32 swapRedBlue(quint32 p)
-{
-    return (p & 0xff00ff00u) | ((p >> 16) & 0xffu) | ((p & 0xffu) << 16);
-}
-
-#ifdef VELMORA_SSE2
-inline __m128i swapRedBlue(__m128i p)
-{
-    const __m128i redBlue = _mm_and_si128(p, _mm_set1_epi32(0x00ff00ff));
-    return _mm_or_si128(_mm_and_si128(p, _mm_set1_epi32(int(0xff00ff00u))),
-                        _mm_or_si128(_mm_srli_epi32(redBlue, 16), _mm_slli_epi32(redBlue, 16)));
-}
-
-inline bool allOpaque(__m128i p)
-{
-    const __m128i full = _mm_cmpeq_epi32(_mm_or_si128(p, _mm_set1_epi32(0x00ffffff)), _mm_set1_epi32(-1));
-    return _mm_movemask_epi8(full) == 0xffff;
-}
-#endif
-
-// Premultiplied ARGB32 (or opaque RGB32, whose alpha byte is forced) to RGBA bytes.
-void unpremultiplyRow(const quint32* source, uchar* target, int count, bool forceOpaque)
-{
-    int x = 0;
-#ifdef VELMORA_SSE2
-    const __m128i alpha = _mm_set1_epi32(forceOpaque ? int(0xff000000u) : 0);
-    for (; x + 4 <= count; x += 4) {
-        const __m128i p = _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(source + x)), alpha);
-        if (allOpaque(p)) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(target + qsizetype(x) * 4), swapRedBlue(p));
-            continue;
-        }
-        for (int k = x; k < x + 4; ++k) {
-            const quint32 word = swapRedBlue(qUnpremultiply(source[k]));
-            std::memcpy(target + qsizetype(k) * 4, &word, 4);
-        }
-    }
-#endif
-    for (; x < count; ++x) {
-        const quint32 word = swapRedBlue(qUnpremultiply(forceOpaque ? source[x] | 0xff000000u : source[x]));
-        std::memcpy(target + qsizetype(x) * 4, &word, 4);
-    }
-}
-
 void drawPicture(QPainter& painter, const QImage& picture, const QRectF& box, bool cover)
 {
     const Placement placement = place(QSizeF(picture.size()), box, cover);
     painter.drawImage(placement.target, picture, placement.source);
-}
-
-QFont layerFont(const Layer& layer, int outputHeight)
-{
-    QFont font(layer.font);
-    font.setPixelSize(textPixelSize(layer.size, outputHeight));
-    font.setWeight(layer.bold ? QFont::Bold : QFont::Normal);
-    // Pictures go to encoders and projectors, not to an LCD's subpixels: grey edges only.
-    font.setStyleStrategy(QFont::NoSubpixelAntialias);
-    return font;
-}
-
-QFont finishingFont(int pointSize)
-{
-    QFont font(QStringLiteral("Sans Serif"));
-    font.setPointSize(std::max(16, pointSize));
-    font.setWeight(QFont::Bold);
-    font.setStyleStrategy(QFont::NoSubpixelAntialias);
-    return font;
-}
-
-// Smallest rectangle holding every pixel that is not fully transparent (all four bytes zero).
-QRect paintedBounds(const QImage& image, const QRect& within)
-{
-    const QRect area = within & image.rect();
-    if (area.isEmpty())
-        return {};
-    static const std::vector<uchar> zeros(8192 * 4 + 64, 0);
-    const std::size_t rowBytes = std::size_t(area.width()) * 4;
-    const auto rowPainted = [&](int y) {
-        const uchar* row = image.constScanLine(y) + qsizetype(area.left()) * 4;
-        for (std::size_t done = 0; done < rowBytes; done += zeros.size()) {
-            const std::size_t part = std::min(zeros.size(), rowBytes - done);
-            if (std::memcmp(row + done, zeros.data(), part) != 0)
-                return true;
-        }
-        return false;
-    };
-    int top = area.top();
-    while (top <= area.bottom() && !rowPainted(top))
-        ++top;
-    if (top > area.bottom())
-        return {};
-    int bottom = area.bottom();
-    while (!rowPainted(bottom))
-        --bottom;
-    int left = area.right();
-    int right = area.left();
-    for (int y = top; y <= bottom; ++y) {
-        const quint32* row = reinterpret_cast<const quint32*>(image.constScanLine(y));
-        for (int x = area.left(); x < left; ++x)
-            if (row[x]) {
-                left = x;
-                break;
-            }
-        for (int x = area.right(); x > right; --x)
-            if (row[x]) {
-                right = x;
-                break;
-            }
-    }
-    return QRect(QPoint(left, top), QPoint(std::max(left, right), bottom));
-}
-
-// A transparent canvas kept from one use to the next and cleared only where it was painted.
-struct Scratch
-{
-    QImage image;
-    QRect dirty; // where the last user painted; set by that user
-
-    // A cleared, transparent view of width x height at the top left of the kept image.
-    QImage view(int width, int height, QImage::Format format)
-    {
-        if (image.format() != format || image.width() < width || image.height() < height) {
-            image = QImage(std::max(width, image.width()), std::max(height, image.height()), format);
-            image.fill(Qt::transparent);
-            dirty = QRect();
-        }
-        const QRect stale = dirty & image.rect();
-        for (int y = stale.top(); y <= stale.bottom(); ++y)
-            std::memset(image.scanLine(y) + qsizetype(stale.left()) * 4, 0, qsizetype(stale.width()) * 4);
-        dirty = QRect();
-        return QImage(image.bits(), width, height, image.bytesPerLine(), format);
-    }
-};
-
-// One drawing of a text: moved by `offset`, in `colour`.
-struct Pass
-{
-    QPointF offset;
-    QColor colour;
-};
-
-// Qt's multiply of each channel of a premultiplied pixel by a / 255, rounded as Qt rounds it.
-inline quint32 byteMul(quint32 x, quint32 a)
-{
-    quint64 t = ((quint64(x) | (quint64(x) << 24)) & 0x00ff00ff00ff00ffull) * a;
-    t = (t + ((t >> 8) & 0x00ff00ff00ff00ffull) + 0x0080008000800080ull) >> 8;
-    t &= 0x00ff00ff00ff00ffull;
-    return quint32(t) | quint32(t >> 24);
-}
-
-// The colour as QPainter fills with it: premultiplied and rounded by Qt itself.
-quint32 solidColour(const QColor& colour)
-{
-    QImage pixel(1, 1, QImage::Format_ARGB32_Premultiplied);
-    pixel.fill(Qt::transparent);
-    QPainter painter(&pixel);
-    painter.setCompositionMode(QPainter::CompositionMode_Source);
-    painter.fillRect(QRect(0, 0, 1, 1), colour);
-    painter.end();
-    return reinterpret_cast<const quint32*>(pixel.constBits())[0];
-}
-
-// Qt caches glyphs up to 64 pixels; larger text is filled as paths, several milliseconds a line, and
-// a shadowed run draws its text six times: the hall's 72-pixel subtitles took some 200 ms. A path
-// moved by whole pixels rasterises to the same coverage moved by whole pixels, so such text is
-// rasterised once, as coverage, and each pass moved by whole pixels blends that coverage with the
-// arithmetic of Qt's solid span fill; other passes are drawn as they are.
-bool coverageReusable(const QPainter& painter, const std::vector<Pass>& passes)
-{
-    QPaintDevice* device = painter.device();
-    if (passes.size() < 2 || !device || device->devType() != QInternal::Image ||
-        static_cast<QImage*>(device)->format() != QImage::Format_ARGB32_Premultiplied || painter.opacity() != 1.0 ||
-        painter.compositionMode() != QPainter::CompositionMode_SourceOver || !painter.transform().isIdentity() ||
-        painter.hasClipping())
-        return false;
-    const QFont& font = painter.font();
-    const qreal pixels = font.pixelSize() > 0 ? qreal(font.pixelSize()) : font.pointSizeF() * device->logicalDpiY() / 72.0;
-    return pixels > 64.0;
-}
-
-void drawPasses(QPainter& painter, const QRectF& area, int flags, const QString& text,
-                const std::vector<Pass>& passes, Scratch* coverage)
-{
-    if (!coverage || !coverageReusable(painter, passes)) {
-        for (const Pass& pass : passes) {
-            painter.setPen(pass.colour);
-            painter.drawText(area.translated(pass.offset), flags, text);
-        }
-        return;
-    }
-
-    QImage& device = *static_cast<QImage*>(painter.device());
-    const int width = device.width();
-    const int height = device.height();
-    // Room around the output for what a pass moves into view.
-    int margin = 1;
-    for (const Pass& pass : passes)
-        margin = std::max({margin, int(std::ceil(std::abs(pass.offset.x()))) + 1,
-                           int(std::ceil(std::abs(pass.offset.y()))) + 1});
-
-    // Opaque white on transparent leaves exactly the coverage in every channel.
-    QImage mask = coverage->view(width + 2 * margin, height + 2 * margin, QImage::Format_ARGB32_Premultiplied);
-    {
-        QPainter maskPainter(&mask);
-        maskPainter.setRenderHints(painter.renderHints());
-        maskPainter.setFont(painter.font());
-        maskPainter.setPen(Qt::white);
-        maskPainter.drawText(area.translated(margin, margin), flags, text);
-    }
-    const QRect bounds = paintedBounds(mask, mask.rect());
-    coverage->dirty = bounds;
-
-    // The coverage as runs of covered pixels, row by row, in the device's coordinates.
-    struct Span
-    {
-        int x;
-        int y;
-        int length;
-        const quint32* coverage; // first pixel of the run in the mask
-    };
-    std::vector<Span> spans;
-    for (int y = bounds.top(); y <= bounds.bottom(); ++y) {
-        const quint32* row = reinterpret_cast<const quint32*>(mask.constScanLine(y));
-        for (int x = bounds.left(); x <= bounds.right();) {
-            if (!row[x]) {
-                ++x;
-                continue;
-            }
-            const int start = x;
-            while (x <= bounds.right() && row[x])
-                ++x;
-            spans.push_back({start - margin, y - margin, x - start, row + start});
-        }
-    }
-
-    uchar* bits = device.bits();
-    const qsizetype bytesPerLine = device.bytesPerLine();
-    for (const Pass& pass : passes) {
-        const QPointF o = pass.offset;
-        if (o.x() != std::round(o.x()) || o.y() != std::round(o.y())) {
-            painter.setPen(pass.colour);
-            painter.drawText(area.translated(o), flags, text);
-            continue;
-        }
-        const int dx = int(o.x());
-        const int dy = int(o.y());
-        const quint32 colour = solidColour(pass.colour);
-        const bool opaque = qAlpha(colour) == 255;
-        for (const Span& span : spans) {
-            const int y = span.y + dy;
-            if (y < 0 || y >= height)
-                continue;
-            const int first = std::max(0, -(span.x + dx));
-            const int end = std::min(span.length, width - (span.x + dx));
-            quint32* target = reinterpret_cast<quint32*>(bits + bytesPerLine * y) + span.x + dx;
-            for (int i = first; i < end; ++i) {
-                const quint32 alpha = qAlpha(span.coverage[i]);
-                if (alpha == 255 && opaque) {
-                    target[i] = colour;
-                    continue;
-                }
-                const quint32 source = alpha == 255 ? colour : byteMul(colour, alpha);
-                target[i] = source + byteMul(target[i], 255 - qAlpha(source));
-            }
-        }
-    }
-    painter.setPen(passes.back().colour);
-}
-
-void drawRun(QPainter& painter, const QRectF& area, int flags, const QString& text, const QColor& colour,
-             const Layer& layer, int outputHeight, Scratch* coverage)
-{
-    std::vector<Pass> passes;
-    if (layer.shadow) {
-        const qreal o = shadowOffset(layer.size, outputHeight);
-        for (const QPointF offset : {QPointF(o, o), QPointF(-o, o), QPointF(o, -o), QPointF(-o, -o), QPointF(0, 1.5 * o)})
-            passes.push_back({offset, shadowColour});
-    }
-    passes.push_back({QPointF(0, 0), colour});
-    drawPasses(painter, area, flags | Qt::TextWordWrap, text, passes, coverage);
-}
-
-// `coverage`, when given, lets large text be rasterised once for all its passes.
-void drawTextLayer(QPainter& painter, const Layer& layer, const QRectF& box, int outputHeight,
-                   Scratch* coverage = nullptr)
-{
-    const bool subtitle = layer.kind == Layer::Kind::Subtitle;
-    // An empty subtitle leaves no trace, not even its background.
-    if (subtitle && layer.text.trimmed().isEmpty())
-        return;
-
-    const QFont font = layerFont(layer, outputHeight);
-    painter.setFont(font);
-    if (layer.background.alpha() > 0)
-        painter.fillRect(box, layer.background);
-
-    QString text = layer.text;
-    if (layer.kind == Layer::Kind::Verse && !layer.reference.isEmpty())
-        text += QLatin1Char('\n') + layer.reference;
-
-    const QRectF inner = box.adjusted(12, 8, -12, -8);
-    // Subtitles fill from the top down whatever the layer says, so lines never move as text arrives.
-    const int flags = subtitle ? ((layer.align & 31) | Qt::AlignTop) : layer.align;
-
-    if (subtitle && !layer.reference.isEmpty()) {
-        // The newest phrase in full colour under the older ones, which are dimmed.
-        QColor dim = layer.color;
-        dim.setAlphaF(layer.color.alphaF() * 0.55f);
-        qreal above = 0.0;
-        if (!text.isEmpty())
-            above = QFontMetricsF(font)
-                        .boundingRect(QRectF(0, 0, inner.width(), 100000.0), flags | Qt::TextWordWrap, text)
-                        .height();
-        drawRun(painter, inner, flags, text, dim, layer, outputHeight, coverage);
-        drawRun(painter, inner.adjusted(0, above, 0, 0), flags, layer.reference, layer.color, layer, outputHeight,
-                coverage);
-        return;
-    }
-    drawRun(painter, inner, flags, text, layer.color, layer, outputHeight, coverage);
 }
 
 // The text drawn over every layer at the end: the hall's own subtitles when its scene has no
@@ -601,16 +275,6 @@ struct BufferPool
 };
 
 } // namespace
-
-int textPixelSize(int size, int outputHeight)
-{
-    return std::max(4, size * outputHeight / 1080);
-}
-
-int shadowOffset(int size, int outputHeight)
-{
-    return std::max(2, size * outputHeight / 19440);
-}
 
 void drawLayer(QPainter& painter, const Layer& layer, const QRectF& box, int outputHeight,
                const tavrin::Frame* cameraFrame)
@@ -913,34 +577,4 @@ QImage Compositor::compose(SceneDef scene, const QString& title, bool band, int 
     }
     c.evict();
     return image;
-}
-
-tavrin::Frame frameFromImage(const QImage& picture)
-{
-    tavrin::Frame frame;
-    // A frame holds 1 to 8192 pixels a side.
-    if (picture.isNull() || picture.width() > 8192 || picture.height() > 8192)
-        return frame;
-    frame.width = picture.width();
-    frame.height = picture.height();
-    const std::size_t rowBytes = std::size_t(frame.width) * 4;
-    const QImage::Format format = picture.format();
-
-    if (format == QImage::Format_RGBA8888 && std::size_t(picture.bytesPerLine()) == rowBytes) {
-        frame.pixels.assign(picture.constBits(), picture.constBits() + rowBytes * std::size_t(frame.height));
-        return frame;
-    }
-    frame.pixels.resize(rowBytes * std::size_t(frame.height));
-    const bool direct = packedSwap && (format == QImage::Format_ARGB32_Premultiplied || format == QImage::Format_RGB32);
-    const QImage rgba = direct || format == QImage::Format_RGBA8888 ? picture
-                                                                     : picture.convertToFormat(QImage::Format_RGBA8888);
-    for (int y = 0; y < frame.height; ++y) {
-        uchar* target = frame.pixels.data() + rowBytes * std::size_t(y);
-        if (direct)
-            unpremultiplyRow(reinterpret_cast<const quint32*>(picture.constScanLine(y)), target, frame.width,
-                             format == QImage::Format_RGB32);
-        else
-            std::memcpy(target, rgba.constScanLine(y), rowBytes);
-    }
-    return frame;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "RgbaConversion.h" // frameFromImage: what the outputs take of a composed picture
 #include "SceneDef.h"
 
 #include <QImage>
@@ -65,6 +66,3 @@ private:
     Mode mode;
     std::unique_ptr<Caches> caches;
 };
-
-// The picture as tightly packed RGBA bytes, for the outputs.
-tavrin::Frame frameFromImage(const QImage& picture);
