@@ -1,12 +1,16 @@
 #include "StudioWindow.h"
 
+#include "AudioCapture.h"
 #include "Canvas.h"
 #include "Media.h"
+#include "Output.h"
 #include "Picture.h"
 #include "i18n.h"
 
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QCoreApplication>
+#include <QMessageBox>
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QIcon>
@@ -16,6 +20,7 @@
 #include <QShortcut>
 #include <QTabWidget>
 #include <QVBoxLayout>
+#include <thread>
 
 StudioWindow::StudioWindow(bool smoke)
     : smoke(smoke), settings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio"))
@@ -40,6 +45,7 @@ StudioWindow::StudioWindow(bool smoke)
     statusLabel->setWordWrap(true);
     column->addWidget(statusLabel);
 
+    refreshDevices();
     camera = std::make_shared<Media>(width, height, nullptr, std::string(), true, false);
     epochUs = g_get_monotonic_time();
     frameClock = FrameClock(epochUs);
@@ -68,6 +74,7 @@ StudioWindow::~StudioWindow()
     hallWindow->hide();
     hallWindow.reset();
     videoDevices.clear();
+    audioDevices.clear();
     for (auto& busScenes : scenes)
         busScenes.clear();
     program = {};
@@ -180,10 +187,10 @@ void StudioWindow::buildTabs(QVBoxLayout* column)
     tabs = new QTabWidget;
     tabs->setMinimumHeight(250);
     tabs->setMaximumHeight(330);
-    tabs->addTab(new QWidget, T("Fuentes y pantallas"));
+    tabs->addTab(buildSourcesTab(), T("Fuentes y pantallas"));
     tabs->addTab(new QWidget, T("Escena y fuentes"));
-    tabs->addTab(new QWidget, T("Audio"));
-    tabs->addTab(new QWidget, T("Transmitir y grabar"));
+    tabs->addTab(buildAudioTab(), T("Audio"));
+    tabs->addTab(buildStreamTab(), T("Transmitir y grabar"));
     auto* translationScroll = new QScrollArea;
     translationScroll->setFrameShape(QFrame::NoFrame);
     translationScroll->setWidgetResizable(true);
@@ -194,6 +201,25 @@ void StudioWindow::buildTabs(QVBoxLayout* column)
 
 void StudioWindow::closeEvent(QCloseEvent* event)
 {
+    if (!smoke && outputsRunning()) {
+        const auto answer = QMessageBox::question(this, T("Cerrar"), T("Hay salidas activas. ¿Detenerlas y cerrar?"),
+                                                  QMessageBox::Yes | QMessageBox::No);
+        if (answer != QMessageBox::Yes) {
+            event->ignore();
+            return;
+        }
+    }
     tickTimer.stop();
+    // The recording's end of stream is what makes the file playable: give it up to 5 s to write
+    // its last part. Streams are simply stopped by the destructor.
+    if (recording) {
+        recording->finish();
+        const std::int64_t deadlineUs = g_get_monotonic_time() + 5000000;
+        while (recording->running && g_get_monotonic_time() < deadlineUs) {
+            recording->poll();
+            QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
     event->accept();
 }

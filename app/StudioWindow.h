@@ -1,6 +1,8 @@
 #pragma once
 
+#include "Audio.h"
 #include "Compositor.h"
+#include "Destination.h"
 #include "FrameClock.h"
 #include "GstPtr.h"
 #include "SceneDef.h"
@@ -10,19 +12,23 @@
 #include <QSettings>
 #include <QTimer>
 #include <array>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
 #include <vector>
 
+class AudioCapture;
 class Canvas;
 class Media;
+class Output;
 class Picture;
 class QCheckBox;
 class QComboBox;
 class QLabel;
 class QLineEdit;
 class QProgressBar;
+class QSlider;
 class QTabWidget;
 class QVBoxLayout;
 namespace tavrin {
@@ -61,12 +67,25 @@ public:
     // Stopping a pipeline may block, so the last reference is dropped on a worker.
     template <typename Owner> void retireMedia(Owner object);
 
+    void refreshDevices();
+    void connectSources();
+
+    // Starts the row if it has no output, else stops it. Throws for a bad entry.
+    void destination(std::size_t index);
+    void retire(std::unique_ptr<Output> output);
+    void lockFormat();
+    void startRecording(const QString& path);
+
+    // Called at the end of each frame stage with its duration, for measurements; may be empty.
+    std::function<void(double milliseconds)> onFrameStage;
+
     void addLayer(Layer layer);
     void refreshSceneList();
     void refreshLayerList();
 
     friend class tst_StudioWindow;
     friend class tst_Take;
+    friend class tst_Outputs;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -78,6 +97,9 @@ private:
     void buildMainRow(QVBoxLayout* column);
     void buildTakeRow(QVBoxLayout* column);
     void buildTabs(QVBoxLayout* column);
+    QWidget* buildSourcesTab();
+    QWidget* buildAudioTab();
+    QWidget* buildStreamTab();
     void languageChosen(int index);
     void formatChosen(int index);
     void busChosen(int bus);
@@ -86,6 +108,14 @@ private:
 
     void pollSources();
     void reopenCamera();
+    void pollAudio();
+    std::vector<float> mixAudio();
+    void pushOutputs(const QImage& streamProgram, const std::vector<float>& audio, std::int64_t frameUs);
+    bool outputsRunning() const;
+    void startSelectedDestinations();
+    void stopStreams();
+    void saveStreamKeys();
+    void recordPressed();
     void reapRetired();
     void frameStage(std::int64_t nowUs);
     void writeDiagnostics(const QImage& preview);
@@ -116,14 +146,30 @@ private:
     QPushButton* takeButton = nullptr;
     QPushButton* offAirButton = nullptr;
     std::array<QPushButton*, 2> busButtons{};
+    QComboBox* cameraCombo = nullptr;
+    QComboBox* audioCombo = nullptr;
+    QSlider* gainSlider = nullptr;
+    QSlider* originalSlider = nullptr;
+    QSlider* voiceSlider = nullptr;
+    QPushButton* muteButton = nullptr;
+    QPushButton* recordButton = nullptr;
+    QProgressBar* inputMeter = nullptr;
+    QProgressBar* processedMeter = nullptr;
     QTabWidget* tabs = nullptr;
     QLabel* statusLabel = nullptr;
 
     std::shared_ptr<Media> camera;
     int cameraIndex = -1;
     std::int64_t cameraReopenAtUs = 0;
+    std::unique_ptr<AudioCapture> capture;
     std::vector<gstptr::Device> videoDevices;
+    std::vector<gstptr::Device> audioDevices;
+    std::array<Destination, 4> destinations;
+    std::unique_ptr<Output> recording;
     std::vector<std::future<void>> retired;
+    tavrin::AudioState audioState;
+    std::deque<float> programAudio;
+    std::deque<float> voiceAudio;
 
     QTimer tickTimer;
     std::int64_t epochUs = 0;

@@ -7,6 +7,7 @@
 #include <QDesktopServices>
 #include <QDir>
 #include <QFileInfo>
+#include <QComboBox>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProcess>
@@ -69,6 +70,12 @@ void StudioWindow::languageChosen(int index)
     const QString chosen = index == 1 ? QStringLiteral("en") : QStringLiteral("es");
     if (chosen == tavrin_i18n::language())
         return;
+    if (outputsRunning()) {
+        notify(T("Detén las salidas antes de cambiar el idioma."));
+        const QSignalBlocker blocker(languageCombo);
+        languageCombo->setCurrentIndex(tavrin_i18n::language() == QLatin1String("en") ? 1 : 0);
+        return;
+    }
     settings.setValue(QStringLiteral("language"), chosen);
     settings.sync();
     const auto answer = QMessageBox::question(this, T("Idioma"),

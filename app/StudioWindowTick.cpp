@@ -9,6 +9,7 @@
 
 #include <QCheckBox>
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QLineEdit>
 #include <QFileInfo>
 #include <QPainter>
@@ -25,6 +26,7 @@ void StudioWindow::tick()
     try {
         pollSources();
         reopenCamera();
+        pollAudio();
         reapRetired();
         const std::int64_t nowUs = g_get_monotonic_time();
         if (!frameClock.due(nowUs))
@@ -103,7 +105,9 @@ void StudioWindow::reapRetired()
 
 void StudioWindow::frameStage(std::int64_t nowUs)
 {
-    frameClock.advance(nowUs);
+    QElapsedTimer stageTimer;
+    stageTimer.start();
+    const std::int64_t frameUs = frameClock.advance(nowUs);
 
     if (camera && !cameraFirstFrameLogged && camera->frameCount >= 1) {
         cameraFirstFrameLogged = true;
@@ -134,6 +138,11 @@ void StudioWindow::frameStage(std::int64_t nowUs)
     hallMonitor->update();
     hallWindow->image = hallPicture;
     hallWindow->update();
+
+    // Mixed on every frame, on air or not, so that the queues drain in real time.
+    pushOutputs(streamProgram, mixAudio(), frameUs);
+    if (onFrameStage)
+        onFrameStage(double(stageTimer.nsecsElapsed()) / 1e6);
 
     if (smoke)
         smokeStep(streamProgram, preview);

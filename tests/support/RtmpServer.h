@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QString>
+
+#include <memory>
+
+class QProcess;
+
+// A real RTMP peer for tests: nginx with its RTMP module on a free loopback port, recording every
+// published stream as <folder>/<key>.flv. With `tls` it also listens for RTMPS through nginx's stream
+// module, with a server certificate for 127.0.0.1 and localhost signed by a test authority made here
+// (caCertificate()); trusting that authority is the client's own business.
+// The constructor returns once the ports accept connections, or with ok() false and errorString() set;
+// the destructor stops nginx.
+class RtmpServer
+{
+public:
+    explicit RtmpServer(const QString& folder, bool tls = false);
+    ~RtmpServer();
+    RtmpServer(const RtmpServer&) = delete;
+    RtmpServer& operator=(const RtmpServer&) = delete;
+
+    bool ok() const { return running; }
+    QString errorString() const { return failure; }
+
+    // Stops nginx, gracefully first so that what was received is on disk; bounded, safe to repeat.
+    void stop();
+
+    quint16 port() const { return rtmpPort; }
+    quint16 tlsPort() const { return rtmpsPort; }
+    // "rtmp://127.0.0.1:<port>/app/<key>" and "rtmps://<host>:<tls port>/app/<key>".
+    QString url(const QString& key) const;
+    QString tlsUrl(const QString& key, const QString& host = QStringLiteral("127.0.0.1")) const;
+    // Where nginx records the stream published under `key`.
+    QString recording(const QString& key) const;
+    QString caCertificate() const;
+    QString folder() const { return dir; }
+    // nginx's own error log, for failure messages.
+    QString log() const;
+
+    // A loopback port that nothing listened on a moment ago.
+    static quint16 freePort();
+
+private:
+    bool start();
+    bool makeCertificates();
+    bool writeConfig(const QString& rtmpModule, const QString& streamModule);
+    bool waitUntilAccepting();
+
+    QString dir;
+    bool tls = false;
+    bool running = false;
+    QString failure;
+    quint16 rtmpPort = 0;
+    quint16 rtmpsPort = 0;
+    std::unique_ptr<QProcess> nginx;
+};
