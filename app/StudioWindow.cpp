@@ -5,6 +5,7 @@
 #include "Media.h"
 #include "Output.h"
 #include "Picture.h"
+#include "SecretStore.h"
 #include "i18n.h"
 
 #include <QCheckBox>
@@ -13,6 +14,7 @@
 #include <QMessageBox>
 #include <QComboBox>
 #include <QHBoxLayout>
+#include <QApplication>
 #include <QIcon>
 #include <QLabel>
 #include <QLineEdit>
@@ -45,6 +47,7 @@ StudioWindow::StudioWindow(bool smoke)
     statusLabel->setWordWrap(true);
     column->addWidget(statusLabel);
 
+    apiBibleKeyField->setText(readSecretFile(QStringLiteral("apibible")));
     refreshDevices();
     camera = std::make_shared<Media>(width, height, nullptr, std::string(), true, false);
     epochUs = g_get_monotonic_time();
@@ -60,6 +63,7 @@ StudioWindow::StudioWindow(bool smoke)
             [this](int index) { runGuarded([this, index] { formatChosen(index); }); });
     auto* space = new QShortcut(QKeySequence(Qt::Key_Space), this);
     connect(space, &QShortcut::activated, this, &StudioWindow::spacePressed);
+    connect(qApp, &QGuiApplication::screenRemoved, this, &StudioWindow::screenRemoved);
 
     tickTimer.setTimerType(Qt::PreciseTimer);
     tickTimer.setInterval(5);
@@ -111,6 +115,12 @@ void StudioWindow::buildToolRow(QVBoxLayout* column)
     formatCombo->addItems({T("Horizontal · 1920 × 1080"), T("Vertical · 1080 × 1920")});
     formatCombo->setToolTip(T("Horizontal o vertical"));
     row->addWidget(formatCombo);
+    QPushButton* openProject = button(T("Abrir proyecto"));
+    action(openProject, [this] { project(false); });
+    row->addWidget(openProject);
+    QPushButton* saveProject = button(T("Guardar proyecto"));
+    action(saveProject, [this] { project(true); });
+    row->addWidget(saveProject);
     QPushButton* credits = button(T("Créditos"));
     action(credits, [this] { about(); });
     row->addWidget(credits);
@@ -134,6 +144,9 @@ void StudioWindow::buildMainRow(QVBoxLayout* column)
     busRow->addStretch();
     previewColumn->addLayout(busRow);
     canvas = new Canvas;
+    canvas->changed = [this] { refreshProps(); };
+    canvas->selectionChanged = [this] { refreshLayerList(); };
+    canvas->activated = [this] { tabs->setCurrentIndex(1); };
     previewColumn->addWidget(canvas, 1);
     row->addLayout(previewColumn, 3);
 
@@ -149,6 +162,7 @@ void StudioWindow::buildMainRow(QVBoxLayout* column)
 
     hallWindow = std::make_unique<Picture>();
     hallWindow->setWindowTitle(T("Velmora · Programa"));
+    hallWindow->onHide = [this] { hallButton->setText(T("Pantallas de sala en el monitor elegido")); };
 }
 
 void StudioWindow::buildTakeRow(QVBoxLayout* column)
@@ -188,13 +202,13 @@ void StudioWindow::buildTabs(QVBoxLayout* column)
     tabs->setMinimumHeight(250);
     tabs->setMaximumHeight(330);
     tabs->addTab(buildSourcesTab(), T("Fuentes y pantallas"));
-    tabs->addTab(new QWidget, T("Escena y fuentes"));
+    tabs->addTab(buildSceneTab(), T("Escena y fuentes"));
     tabs->addTab(buildAudioTab(), T("Audio"));
     tabs->addTab(buildStreamTab(), T("Transmitir y grabar"));
     auto* translationScroll = new QScrollArea;
     translationScroll->setFrameShape(QFrame::NoFrame);
     translationScroll->setWidgetResizable(true);
-    translationScroll->setWidget(new QWidget);
+    translationScroll->setWidget(buildTranslationTab());
     tabs->addTab(translationScroll, T("Traducción IA y Biblia"));
     column->addWidget(tabs);
 }

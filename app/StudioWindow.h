@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Api.h"
 #include "Audio.h"
 #include "Compositor.h"
 #include "Destination.h"
@@ -23,10 +24,13 @@ class Canvas;
 class Media;
 class Output;
 class Picture;
+class PropertyPanel;
 class QCheckBox;
 class QComboBox;
 class QLabel;
 class QLineEdit;
+class QListWidget;
+class QMenu;
 class QProgressBar;
 class QSlider;
 class QTabWidget;
@@ -79,13 +83,29 @@ public:
     // Called at the end of each frame stage with its duration, for measurements; may be empty.
     std::function<void(double milliseconds)> onFrameStage;
 
+    Layer* selectedLayer();
     void addLayer(Layer layer);
+    void addImageLayer(const QString& path);
+    void addVideoLayer(const QString& address);
+    void addScreenLayer();
     void refreshSceneList();
     void refreshLayerList();
+    void refreshProps();
+
+    void project(bool save);
+    // Everything an open does after the dialog; throws before anything changes when the file is refused.
+    void openProject(const QString& path);
+    void lookupVerse(int layerIndex, const QString& text);
+    QString verseLanguage();
 
     friend class tst_StudioWindow;
     friend class tst_Take;
     friend class tst_Outputs;
+    friend class tst_SceneTab;
+    friend class tst_HallScreens;
+    friend class tst_Project;
+    friend class tst_Devices;
+    friend class tst_VerseLookup;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -100,6 +120,23 @@ private:
     QWidget* buildSourcesTab();
     QWidget* buildAudioTab();
     QWidget* buildStreamTab();
+    QWidget* buildSceneTab();
+    QMenu* buildSourceMenu(QWidget* parent);
+    void askNetworkSource();
+    void moveSelectedLayer(int step);
+    void removeSelectedLayer();
+    void changeSelectedImage();
+    void restartSelectedVideo();
+    void newSceneRequested();
+    void renameSceneRequested();
+    void duplicateScene();
+    void deleteSceneRequested();
+    void refreshLayerNames();
+    void showQuickVerse();
+    QWidget* buildTranslationTab();
+    void listOnlineBibles();
+    void hallScreensPressed();
+    void screenRemoved();
     void languageChosen(int index);
     void formatChosen(int index);
     void busChosen(int bus);
@@ -146,6 +183,16 @@ private:
     QPushButton* takeButton = nullptr;
     QPushButton* offAirButton = nullptr;
     std::array<QPushButton*, 2> busButtons{};
+    QListWidget* sceneList = nullptr;
+    QListWidget* layerList = nullptr;
+    PropertyPanel* propertyPanel = nullptr;
+    QLineEdit* quickVerseField = nullptr;
+    QComboBox* screenCombo = nullptr;
+    QPushButton* hallButton = nullptr;
+    QCheckBox* keySaveCheck = nullptr;
+    QComboBox* bibleCombo = nullptr;
+    QLineEdit* apiBibleKeyField = nullptr;
+    QComboBox* onlineBibleCombo = nullptr;
     QComboBox* cameraCombo = nullptr;
     QComboBox* audioCombo = nullptr;
     QSlider* gainSlider = nullptr;
@@ -183,7 +230,9 @@ private:
     std::int64_t fadeStartUs = 0;
     bool fadeEnabled = true;
     Compositor compositor;
+    QString projectPath; // where the last project was saved or opened
     QSettings settings;
+    bible::Api bibleApi;
 };
 
 template <typename Handler> void StudioWindow::action(QPushButton* target, Handler handler)

@@ -5,6 +5,10 @@
 #include "i18n.h"
 
 #include <QComboBox>
+#include <QFileDialog>
+#include <QGuiApplication>
+#include <QScreen>
+#include <QUrl>
 #include <QGridLayout>
 #include <QLabel>
 
@@ -31,8 +35,36 @@ QWidget* StudioWindow::buildSourcesTab()
     QPushButton* connectButton = button(T("Conectar fuentes"));
     action(connectButton, [this] { connectSources(); });
     grid->addWidget(connectButton, 1, 2);
+
+    QPushButton* loadImage = button(T("Cargar imagen"));
+    action(loadImage, [this] {
+        const QString path = QFileDialog::getOpenFileName(this, T("Imagen"), QString(),
+                                                          T("Imágenes (*.png *.jpg *.jpeg *.bmp *.webp)"));
+        if (!path.isEmpty())
+            addImageLayer(path);
+    });
+    grid->addWidget(loadImage, 2, 0);
+    QPushButton* loadVideo = button(T("Cargar video"));
+    action(loadVideo, [this] {
+        const QString path =
+            QFileDialog::getOpenFileName(this, T("Video"), QString(), T("Videos (*.webm *.mp4 *.mov *.mkv)"));
+        if (!path.isEmpty())
+            addVideoLayer(QUrl::fromLocalFile(path).toString());
+    });
+    grid->addWidget(loadVideo, 2, 1);
+    QPushButton* networkSource = button(T("Fuente de red"));
+    action(networkSource, [this] { askNetworkSource(); });
+    grid->addWidget(networkSource, 2, 2);
+
+    screenCombo = new QComboBox;
+    for (const QScreen* each : QGuiApplication::screens())
+        screenCombo->addItem(each->name());
+    grid->addWidget(screenCombo, 3, 1);
+    hallButton = button(T("Pantallas de sala en el monitor elegido"));
+    action(hallButton, [this] { hallScreensPressed(); });
+    grid->addWidget(hallButton, 3, 2);
     grid->setColumnStretch(3, 1);
-    grid->setRowStretch(2, 1);
+    grid->setRowStretch(4, 1);
     return tab;
 }
 

@@ -77,9 +77,7 @@ void StudioWindow::sceneChosen(int index)
     if (index < 0 || index >= int(scenes[editTarget].size()))
         return;
     current[editTarget] = index;
-    canvas->scene = &scene();
-    canvas->select(-1);
-    refreshLayerList();
+    refreshSceneList(); // the combo of the take row and the list of the scene tab show the same choice
 }
 
 void StudioWindow::spacePressed()
@@ -89,34 +87,4 @@ void StudioWindow::spacePressed()
     if (qobject_cast<const QLineEdit*>(focused) || qobject_cast<const QPlainTextEdit*>(focused))
         return;
     take();
-}
-
-void StudioWindow::refreshSceneList()
-{
-    const QSignalBlocker blocker(sceneCombo);
-    sceneCombo->clear();
-    for (const SceneDef& each : scenes[editTarget])
-        sceneCombo->addItem(each.name);
-    SceneDef& shown = scene();
-    sceneCombo->setCurrentIndex(current[editTarget]);
-    canvas->scene = &shown;
-    refreshLayerList();
-}
-
-void StudioWindow::refreshLayerList()
-{
-    canvas->scene = &scene();
-    if (canvas->selected >= int(canvas->scene->layers.size()))
-        canvas->selected = -1;
-    canvas->update();
-}
-
-void StudioWindow::addLayer(Layer layer)
-{
-    SceneDef& target = scene();
-    if (layer.name.isEmpty())
-        layer.name = Layer::label(layer.kind) + u' ' + QString::number(target.layers.size() + 1);
-    target.layers.push_back(std::move(layer));
-    refreshLayerList();
-    canvas->select(int(target.layers.size()) - 1);
 }

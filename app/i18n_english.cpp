@@ -10,6 +10,7 @@ std::span<const std::pair<const char*, const char*>> englishPairs()
         {"Velmora", "Velmora"},
         {"Velmora · Lorvane", "Velmora · Lorvane"},
         {"Audio", "Audio"},
+        {"Clave de API.Bible", "API.Bible key"},
         {"Audio: ", "Audio: "},
         {"Entrada", "Input"},
         {"WebM (*.webm)", "WebM (*.webm)"},

@@ -5,6 +5,9 @@
 // and one audio block. It runs the workload with the studio's fast compositor and then with the
 // literal one, and ends with one line:
 //   frame_stage_ms p50=<fast> p99=<fast> literal_p50=<literal> speedup=<literal/fast>
+// Before it comes the cost of a verse lookup (parse and the text of Psalm 119 from the built-in
+// Spanish Bible), the first in the process and then a warm median:
+//   bible_lookup_ms cold=<first, with the Bible's unpacking> warm=<median>
 //
 // Options: --frames N (default 300), --warmup N (default 30), --show-slow MS (list every frame
 // slower than MS, part by part).
@@ -12,6 +15,8 @@
 #include "AudioMix.h"
 #include "Compositor.h"
 #include "Frame.h"
+#include "Passage.h"
+#include "Reference.h"
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
@@ -289,6 +294,36 @@ void report(const char* name, const Figures& figures)
     std::fflush(stdout);
 }
 
+struct LookupFigures
+{
+    double coldMs = 0.0;
+    double warmMs = 0.0;
+};
+
+// What the quick verse box costs for the longest chapter, 176 verses. Must run before anything
+// else in the process touches the Bibles, so that the first call pays for unpacking one.
+LookupFigures lookupFigures()
+{
+    const QString typed = QStringLiteral("Salmos 119");
+    const auto lookup = [&typed] {
+        const bible::Passage passage = bible::builtInPassage(bible::parse(typed), QStringLiteral("es"));
+        sink = sink + std::uint64_t(passage.text.size());
+    };
+    LookupFigures figures;
+    QElapsedTimer timer;
+    timer.start();
+    lookup();
+    figures.coldMs = double(timer.nsecsElapsed()) / 1e6;
+    std::vector<double> warm;
+    for (int i = 0; i < 500; ++i) {
+        timer.restart();
+        lookup();
+        warm.push_back(double(timer.nsecsElapsed()) / 1e6);
+    }
+    figures.warmMs = percentile(warm, 0.50);
+    return figures;
+}
+
 int option(const QStringList& arguments, const QString& name, int fallback)
 {
     const int at = int(arguments.indexOf(name));
@@ -308,6 +343,7 @@ int main(int argc, char** argv)
     if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QGuiApplication application(argc, argv);
+    const LookupFigures lookup = lookupFigures();
     const QStringList arguments = application.arguments();
     const int frames = option(arguments, QStringLiteral("--frames"), 300);
     const int warmup = option(arguments, QStringLiteral("--warmup"), 30);
@@ -328,6 +364,7 @@ int main(int argc, char** argv)
     const Figures literal = run(Compositor::Mode::Literal, frames, warmup, false);
     report("literal:", literal);
     std::printf("largest channel difference fast vs literal: %d\n", largestDifference());
+    std::printf("bible_lookup_ms cold=%.2f warm=%.3f\n", lookup.coldMs, lookup.warmMs);
     std::printf("frame_stage_ms p50=%.2f p99=%.2f literal_p50=%.2f speedup=%.2f\n", fast.p50, fast.p99, literal.p50,
                 literal.p50 / fast.p50);
     return 0;
