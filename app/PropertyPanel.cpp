@@ -191,6 +191,8 @@ void PropertyPanel::addAlignGrid(QFormLayout* form)
         for (int c = 0; c < 3; ++c) {
             auto* button = new QPushButton(QString::fromUtf8(marks[size_t(r * 3 + c)]));
             button->setFixedSize(30, 26);
+            // The studio's button padding would leave no room for the arrow in so small a button.
+            button->setStyleSheet(QStringLiteral("QPushButton{padding:0px;}"));
             button->setToolTip(T("Alinear"));
             connect(button, &QPushButton::clicked, this, [this, r, c] {
                 edit([&](Layer& layer) {

@@ -10,6 +10,7 @@
 #include <QScreen>
 #include <QUrl>
 #include <QGridLayout>
+#include <QHBoxLayout>
 #include <QLabel>
 
 namespace {
@@ -43,7 +44,8 @@ QWidget* StudioWindow::buildSourcesTab()
         if (!path.isEmpty())
             addImageLayer(path);
     });
-    grid->addWidget(loadImage, 2, 0);
+    auto* loadRow = new QHBoxLayout;
+    loadRow->addWidget(loadImage);
     QPushButton* loadVideo = button(T("Cargar video"));
     action(loadVideo, [this] {
         const QString path =
@@ -51,11 +53,14 @@ QWidget* StudioWindow::buildSourcesTab()
         if (!path.isEmpty())
             addVideoLayer(QUrl::fromLocalFile(path).toString());
     });
-    grid->addWidget(loadVideo, 2, 1);
+    loadRow->addWidget(loadVideo);
     QPushButton* networkSource = button(T("Fuente de red"));
     action(networkSource, [this] { askNetworkSource(); });
-    grid->addWidget(networkSource, 2, 2);
+    loadRow->addWidget(networkSource);
+    loadRow->addStretch();
+    grid->addLayout(loadRow, 2, 0, 1, 3);
 
+    grid->addWidget(new QLabel(T("Pantalla")), 3, 0);
     screenCombo = new QComboBox;
     for (const QScreen* each : QGuiApplication::screens())
         screenCombo->addItem(each->name());

@@ -133,8 +133,9 @@ QWidget* StudioWindow::buildSceneTab()
     auto* propertyScroll = new QScrollArea;
     propertyScroll->setFrameShape(QFrame::NoFrame);
     propertyScroll->setWidgetResizable(true);
+    propertyScroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     propertyScroll->setWidget(propertyPanel);
-    row->addWidget(propertyScroll, 4);
+    row->addWidget(propertyScroll, 5);
     return tab;
 }
 
