@@ -162,6 +162,8 @@ void StudioWindow::buildMainRow(QVBoxLayout* column)
 
     hallWindow = std::make_unique<Picture>();
     hallWindow->setWindowTitle(T("Velmora · Programa"));
+    // A picture on the projector must not keep the studio running once the main window is closed.
+    hallWindow->setAttribute(Qt::WA_QuitOnClose, false);
     hallWindow->onHide = [this] { hallButton->setText(T("Pantallas de sala en el monitor elegido")); };
 }
 

@@ -70,6 +70,9 @@ public:
     std::shared_ptr<tavrin::Frame> decodeImage(const QString& path);
     // Stopping a pipeline may block, so the last reference is dropped on a worker.
     template <typename Owner> void retireMedia(Owner object);
+    // Lets go of every source a scene holds, on workers: a scene being replaced may hold the last
+    // reference to a pipeline, whose stop must not block the GUI thread.
+    void retireSources(SceneDef& scene);
 
     void refreshDevices();
     void connectSources();

@@ -103,12 +103,14 @@ void StudioWindow::lookupVerse(int layerIndex, const QString& text)
         notify(T("Versículo listo: ") + citation);
         return;
     }
-    // A late reply applies to the layer index of the scene then current, if it is still a verse.
+    // A late reply applies to the layer index of the scene then current, if it is still a verse; for a
+    // layer that has gone, the reply, good or bad, is passed over.
+    const auto stillVerse = [this, layerIndex] {
+        const SceneDef& now = scene();
+        return layerIndex < int(now.layers.size()) && now.layers[std::size_t(layerIndex)].kind == Layer::Kind::Verse;
+    };
     const auto applyReply = [this, layerIndex](const QString& replyText, const QString& label, const QString& shown) {
-        SceneDef& now = scene();
-        if (layerIndex >= int(now.layers.size()) || now.layers[std::size_t(layerIndex)].kind != Layer::Kind::Verse)
-            return;
-        Layer& target = now.layers[std::size_t(layerIndex)];
+        Layer& target = scene().layers[std::size_t(layerIndex)];
         target.text = replyText;
         target.reference = shown + QStringLiteral(" · ") + label;
         refreshLayerList();
@@ -124,7 +126,9 @@ void StudioWindow::lookupVerse(int layerIndex, const QString& text)
             return;
         }
         notify(T("Consultando API.Bible..."));
-        bibleApi.passage(key, bibleId, ref, [this, applyReply, citation](const QString& reply, const QString& error) {
+        bibleApi.passage(key, bibleId, ref, [this, stillVerse, applyReply, citation](const QString& reply, const QString& error) {
+            if (!stillVerse())
+                return;
             if (!error.isEmpty()) {
                 notify(error + QStringLiteral(" · ") + T("se mantiene RV1909"));
                 return;
@@ -146,7 +150,9 @@ void StudioWindow::lookupVerse(int layerIndex, const QString& text)
         return;
     }
     notify(T("Traduciendo versículo..."));
-    bible::translateVerse(this, aiKey, passage.text, target, [this, applyReply, citation](const QString& reply, const QString& error) {
+    bible::translateVerse(this, aiKey, passage.text, target, [this, stillVerse, applyReply, citation](const QString& reply, const QString& error) {
+        if (!stillVerse())
+            return;
         if (!error.isEmpty()) {
             notify(error);
             return;
@@ -204,8 +210,9 @@ void StudioWindow::listOnlineBibles()
             if (preferred < 0 && name.contains(QStringLiteral("1960")))
                 preferred = onlineBibleCombo->count() - 1;
         }
+        // Without a 1960 entry nothing is chosen for the operator: the stored choice stays as it was.
+        onlineBibleCombo->setCurrentIndex(preferred);
         if (preferred >= 0) {
-            onlineBibleCombo->setCurrentIndex(preferred);
             settings.setValue(QStringLiteral("apibible_id"), onlineBibleCombo->itemData(preferred).toString());
             settings.setValue(QStringLiteral("apibible_name"), onlineBibleCombo->itemText(preferred));
         }

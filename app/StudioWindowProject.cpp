@@ -83,14 +83,19 @@ void StudioWindow::openProject(const QString& path)
         data.hall.push_back(defaultScene(1));
     for (auto& busScenes : scenes)
         for (SceneDef& each : busScenes)
-            for (Layer& layer : each.layers)
-                retireMedia(std::move(layer.media));
+            retireSources(each);
     scenes[0] = std::move(data.scenes);
     scenes[1] = std::move(data.hall);
     current[0] = clampedIndex(data.current, scenes[0].size());
     current[1] = clampedIndex(data.currentHall, scenes[1].size());
+    // Program may hold the last reference to a source the old scenes no longer show: that one too is
+    // let go on a worker. The frozen lower third goes with it, or Program would not start black.
+    retireSources(program);
+    retireSources(hallProgram);
     program = {};
     hallProgram = {};
+    programOverlay.clear();
+    programBand = false;
 
     refreshSceneList();
     bandCheck->setChecked(data.band);

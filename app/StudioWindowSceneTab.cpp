@@ -339,8 +339,7 @@ void StudioWindow::deleteSceneRequested()
         QMessageBox::Yes)
         return;
     const auto at = busScenes.begin() + current[editTarget];
-    for (Layer& layer : at->layers)
-        retireMedia(std::move(layer.media));
+    retireSources(*at);
     busScenes.erase(at);
     refreshSceneList();
 }

@@ -33,13 +33,23 @@ std::shared_ptr<tavrin::Frame> StudioWindow::decodeImage(const QString& path)
     return frame;
 }
 
+void StudioWindow::retireSources(SceneDef& scene)
+{
+    for (Layer& layer : scene.layers)
+        retireMedia(std::move(layer.media));
+}
+
 void StudioWindow::formatChosen(int index)
 {
     width = index == 1 ? 1080 : 1920;
     height = index == 1 ? 1920 : 1080;
     retireMedia(std::exchange(camera, std::make_shared<Media>(width, height, nullptr, std::string(), true, false)));
     cameraIndex = -2;
+    // The Stream program goes black until the next take, lower third included.
+    retireSources(program);
     program = {};
+    programOverlay.clear();
+    programBand = false;
     if (editTarget == 0)
         canvas->aspect = double(width) / height;
     // Sources of the stream scenes deliver at the canvas size: each gets a new one at the new size.

@@ -28,12 +28,14 @@ void StudioWindow::take()
     }
 
     if (editTarget == 1) {
+        retireSources(hallProgram);
         hallProgram.name = s.name;
         hallProgram.layers = s.layers;
         notify(T("Escena enviada a las pantallas de sala."));
         return;
     }
     fadeFrom = compose(program, programOverlay, programBand, width, height, false, false);
+    retireSources(program);
     program.name = s.name;
     program.layers = s.layers;
     programOverlay = overlayField->text();
@@ -45,11 +47,13 @@ void StudioWindow::take()
 void StudioWindow::offAir()
 {
     if (editTarget == 1) {
+        retireSources(hallProgram);
         hallProgram = {};
         notify(T("Pantallas de sala en negro."));
         return;
     }
     fadeFrom = compose(program, programOverlay, programBand, width, height, false, false);
+    retireSources(program);
     program = {};
     if (!programOverlay.isEmpty())
         programOverlay.clear();

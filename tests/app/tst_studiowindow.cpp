@@ -54,7 +54,7 @@ void tst_StudioWindow::answerNextBox(QMessageBox::StandardButton answer, QString
 
 void tst_StudioWindow::frame()
 {
-    StudioWindow window(true);
+    StudioWindow window(false);
     QCOMPARE(window.windowTitle(), QStringLiteral("Velmora · Lorvane"));
     QCOMPARE(window.size(), QSize(1320, 920));
     const QStringList expectedTabs{"Fuentes y pantallas", "Escena y fuentes", "Audio", "Transmitir y grabar",
@@ -72,7 +72,7 @@ void tst_StudioWindow::frame()
 
 void tst_StudioWindow::defaultScenes()
 {
-    StudioWindow window(true);
+    StudioWindow window(false);
     const SceneDef stream = window.defaultScene(0);
     QCOMPARE(stream.name, QStringLiteral("Escena 1"));
     QCOMPARE(stream.layers.size(), std::size_t(1));
@@ -116,7 +116,7 @@ void tst_StudioWindow::sceneIsNeverMissing()
     QFETCH(int, current);
     QFETCH(int, expectedCurrent);
 
-    StudioWindow window(true);
+    StudioWindow window(false);
     window.editTarget = bus;
     window.scenes[bus].clear();
     for (int i = 0; i < sceneCount; ++i) {
@@ -155,7 +155,7 @@ void tst_StudioWindow::meterBands()
     QFETCH(int, band);
     QFETCH(QString, colour);
 
-    StudioWindow window(true);
+    StudioWindow window(false);
     QProgressBar bar;
     window.meter(&bar, value);
     QCOMPARE(bar.value(), shown);
@@ -170,7 +170,7 @@ void tst_StudioWindow::meterBands()
 void tst_StudioWindow::failingHandlerIsReportedNotThrown()
 {
     tavrin_i18n::language() = QStringLiteral("en");
-    StudioWindow window(true);
+    StudioWindow window(false);
     QPushButton* failing = window.button(QStringLiteral("x"));
     window.action(failing, [] { throw std::runtime_error("Proyecto inválido"); });
     QString boxText;
@@ -187,7 +187,7 @@ void tst_StudioWindow::failingHandlerIsReportedNotThrown()
 
 void tst_StudioWindow::languageCombo()
 {
-    StudioWindow window(true);
+    StudioWindow window(false);
     QSettings settings;
     settings.remove(QStringLiteral("language"));
 

@@ -1,4 +1,5 @@
 #include "Canvas.h"
+#include "GstTestRun.h"
 #include "Media.h"
 #include "Picture.h"
 #include "SceneSources.h"
@@ -57,14 +58,7 @@ void tst_Take::initTestCase()
     const QByteArray description = "videotestsrc num-buffers=45 ! video/x-raw,width=320,height=180,framerate=30/1 ! "
                                    "vp8enc deadline=1 ! webmmux ! filesink location=" +
                                    QFile::encodeName(videoFile);
-    gstptr::Element writer(GST_ELEMENT(gst_object_ref_sink(gst_parse_launch(description.constData(), nullptr))));
-    QVERIFY(writer);
-    gst_element_set_state(writer.get(), GST_STATE_PLAYING);
-    gstptr::Bus bus(gst_element_get_bus(writer.get()));
-    gstptr::Message done(gst_bus_timed_pop_filtered(bus.get(), 30 * GST_SECOND,
-                                                    GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-    QVERIFY(done && GST_MESSAGE_TYPE(done.get()) == GST_MESSAGE_EOS);
-    gst_element_set_state(writer.get(), GST_STATE_NULL);
+    QVERIFY(runToEnd(description));
 }
 
 void tst_Take::waitForCamera(StudioWindow& window)

@@ -1,5 +1,7 @@
 #include "AudioCapture.h"
 #include "AudioProcessing.h"
+#include "FakeDevice.h"
+#include "GstTestRun.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -13,44 +15,13 @@
 #include <gst/app/gstappsrc.h>
 
 #include <cmath>
-#include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <utility>
 #include <vector>
-
-// An audio device made up for the tests. Its object data say which element it hands out: "appsrc"
-// (an input the test feeds by hand), any other factory name, or nothing at all.
-struct FakeAudioDevice
-{
-    GstDevice parent;
-};
-struct FakeAudioDeviceClass
-{
-    GstDeviceClass parentClass;
-};
-G_DEFINE_TYPE(FakeAudioDevice, fake_audio_device, GST_TYPE_DEVICE)
-
-static GstElement* fakeAudioDeviceCreateElement(GstDevice* device, const gchar* name)
-{
-    const auto* kind = static_cast<const char*>(g_object_get_data(G_OBJECT(device), "velmora-source"));
-    if (!kind)
-        return nullptr;
-    GstElement* element = gst_element_factory_make(kind, name);
-    if (element && g_str_equal(kind, "appsrc")) {
-        const gstptr::Caps caps(
-            gst_caps_from_string("audio/x-raw,format=F32LE,layout=interleaved,rate=48000,channels=2"));
-        g_object_set(element, "caps", caps.get(), "is-live", TRUE, "format", GST_FORMAT_TIME, nullptr);
-    }
-    return element;
-}
-
-static void fake_audio_device_class_init(FakeAudioDeviceClass* klass)
-{
-    GST_DEVICE_CLASS(klass)->create_element = fakeAudioDeviceCreateElement;
-}
-
-static void fake_audio_device_init(FakeAudioDevice*) {}
 
 namespace {
 
@@ -60,14 +31,23 @@ struct BufferUnref
 };
 using Buffer = std::unique_ptr<GstBuffer, BufferUnref>;
 
+// An audio device that hands out source: "appsrc" (an input the test feeds by hand), any other
+// factory name, or, when null, no element at all.
 gstptr::Device makeDevice(const char* source)
 {
-    gstptr::Device device(GST_DEVICE(
-        gst_object_ref_sink(g_object_new(fake_audio_device_get_type(), "display-name", "Mesa de prueba",
-                                         "device-class", "Audio/Source", nullptr))));
+    std::function<GstElement*(const gchar*)> makeElement;
     if (source)
-        g_object_set_data(G_OBJECT(device.get()), "velmora-source", const_cast<char*>(source));
-    return device;
+        makeElement = [kind = std::string(source)](const gchar* name) {
+            GstElement* element = gst_element_factory_make(kind.c_str(), name);
+            if (element && kind == "appsrc") {
+                const gstptr::Caps caps(gst_caps_from_string(
+                    "audio/x-raw,format=F32LE,layout=interleaved,rate=48000,channels=2"));
+                g_object_set(element, "caps", caps.get(), "is-live", TRUE, "format", GST_FORMAT_TIME,
+                             nullptr);
+            }
+            return element;
+        };
+    return makeFakeDevice("Mesa de prueba", "Audio/Source", nullptr, std::move(makeElement));
 }
 
 gstptr::Element inputOf(const AudioCapture& capture)
@@ -84,23 +64,6 @@ void pushBlock(GstElement* appsrc, float value, GstClockTime pts = GST_CLOCK_TIM
     gst_buffer_fill(buffer.get(), 0, samples.data(), samples.size() * sizeof(float));
     GST_BUFFER_PTS(buffer.get()) = pts;
     gst_app_src_push_buffer(GST_APP_SRC(appsrc), buffer.release());
-}
-
-// Runs a gst-launch style description until it ends; the bus wait is bounded.
-bool runToEnd(const QByteArray& description)
-{
-    GError* rawError = nullptr;
-    GstElement* raw = gst_parse_launch(description.constData(), &rawError);
-    const gstptr::Error failure(rawError);
-    const gstptr::Element pipeline(raw ? GST_ELEMENT(gst_object_ref_sink(raw)) : nullptr);
-    if (!pipeline || failure)
-        return false;
-    const gstptr::Bus bus(gst_element_get_bus(pipeline.get()));
-    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-    const gstptr::Message message(gst_bus_timed_pop_filtered(
-        bus.get(), 20 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    return message && GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS;
 }
 
 // Polls as the tick would, a few milliseconds apart, until done or the deadline.
@@ -146,17 +109,6 @@ QByteArray show(const QList<double>& values)
     for (double v : values)
         text += QByteArray::number(v) + ' ';
     return text;
-}
-
-// Objects the leaks tracer still saw alive when GStreamer shut down.
-void recordAlive(GstDebugCategory* category, GstDebugLevel level, const gchar*, const gchar*, gint, GObject*,
-                 GstDebugMessage* message, gpointer alive)
-{
-    if (level != GST_LEVEL_TRACE || std::strcmp(gst_debug_category_get_name(category), "GST_TRACER") != 0)
-        return;
-    const char* text = gst_debug_message_get(message);
-    if (text && g_str_has_prefix(text, "object-alive"))
-        static_cast<QStringList*>(alive)->append(QString::fromUtf8(text).left(160));
 }
 
 // Stops the test's sound server, if one runs with our folder; says nothing when none does.
@@ -243,9 +195,7 @@ void tst_AudioCapture::initTestCase()
     }
 
     // Every object a capture makes must be gone when it is; the leaks tracer tells at shut-down.
-    if (!qEnvironmentVariableIsSet("GST_TRACERS"))
-        qputenv("GST_TRACERS", "leaks");
-    trackingLeaks = qgetenv("GST_TRACERS").contains("leaks");
+    trackingLeaks = startLeakTracking();
     gst_init(nullptr, nullptr);
 }
 
@@ -255,15 +205,7 @@ void tst_AudioCapture::cleanupTestCase()
         if (pulseStarted)
             killSoundServer();
     });
-    if (!trackingLeaks) {
-        gst_deinit();
-        return;
-    }
-    QStringList alive;
-    gst_debug_add_log_function(recordAlive, &alive, nullptr);
-    gst_debug_remove_log_function(gst_debug_log_default);
-    gst_debug_set_threshold_for_name("GST_TRACER", GST_LEVEL_TRACE);
-    gst_deinit();
+    const QStringList alive = deinitAndListAlive(trackingLeaks);
     QVERIFY2(alive.isEmpty(), qPrintable(alive.join(QLatin1Char('\n'))));
 }
 

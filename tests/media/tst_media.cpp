@@ -1,3 +1,5 @@
+#include "FakeDevice.h"
+#include "GstTestRun.h"
 #include "Media.h"
 
 #include <QCoreApplication>
@@ -14,21 +16,10 @@
 
 #include <atomic>
 #include <cmath>
-#include <cstring>
+#include <functional>
 #include <stdexcept>
-
-// A capture device made up for the tests, since the machines that run them have no camera. Its
-// object data say which element it hands out: "videotestsrc", "appsrc" (a camera that never sends
-// a picture), "indexed" (a pattern with a "device-index") or nothing at all.
-struct FakeDevice
-{
-    GstDevice parent;
-};
-struct FakeDeviceClass
-{
-    GstDeviceClass parentClass;
-};
-G_DEFINE_TYPE(FakeDevice, fake_device, GST_TYPE_DEVICE)
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -57,62 +48,29 @@ GType indexedPatternType()
     return type;
 }
 
-} // namespace
-
-static GstElement* fakeDeviceCreateElement(GstDevice* device, const gchar* name)
-{
-    const auto* kind = static_cast<const char*>(g_object_get_data(G_OBJECT(device), "velmora-source"));
-    if (!kind)
-        return nullptr;
-    if (g_str_equal(kind, "indexed")) {
-        auto* element = GST_ELEMENT(g_object_new(indexedPatternType(), "name", name, nullptr));
-        g_object_set_data(G_OBJECT(element), "velmora-index", GINT_TO_POINTER(7));
-        return element;
-    }
-    GstElement* element = gst_element_factory_make(kind, name);
-    if (element && g_str_equal(kind, "appsrc")) {
-        const gstptr::Caps caps(
-            gst_caps_from_string("video/x-raw,format=RGBA,width=320,height=240,framerate=30/1"));
-        g_object_set(element, "caps", caps.get(), "is-live", TRUE, "format", GST_FORMAT_TIME, nullptr);
-    }
-    return element;
-}
-
-static void fake_device_class_init(FakeDeviceClass* klass)
-{
-    GST_DEVICE_CLASS(klass)->create_element = fakeDeviceCreateElement;
-}
-
-static void fake_device_init(FakeDevice*) {}
-
-namespace {
-
+// A camera that hands out source: "videotestsrc", "appsrc" (a camera that never sends a picture),
+// "indexed" (a pattern with a "device-index") or, when null, no element at all.
 gstptr::Device makeDevice(const char* source, const char* caps)
 {
-    const gstptr::Caps deviceCaps(gst_caps_from_string(caps));
-    gstptr::Device device(GST_DEVICE(gst_object_ref_sink(
-        g_object_new(fake_device_get_type(), "display-name", "Cámara de prueba", "device-class",
-                     "Video/Source", "caps", deviceCaps.get(), nullptr))));
+    std::function<GstElement*(const gchar*)> makeElement;
     if (source)
-        g_object_set_data(G_OBJECT(device.get()), "velmora-source", const_cast<char*>(source));
-    return device;
-}
-
-// Runs a gst-launch style description until it ends; the bus wait is bounded.
-bool runToEnd(const QByteArray& description)
-{
-    GError* rawError = nullptr;
-    GstElement* raw = gst_parse_launch(description.constData(), &rawError);
-    const gstptr::Error failure(rawError);
-    const gstptr::Element pipeline(raw ? GST_ELEMENT(gst_object_ref_sink(raw)) : nullptr);
-    if (!pipeline || failure)
-        return false;
-    const gstptr::Bus bus(gst_element_get_bus(pipeline.get()));
-    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-    const gstptr::Message message(gst_bus_timed_pop_filtered(
-        bus.get(), 20 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    return message && GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS;
+        makeElement = [kind = std::string(source)](const gchar* name) -> GstElement* {
+            if (kind == "indexed") {
+                auto* element = GST_ELEMENT(g_object_new(indexedPatternType(), "name", name, nullptr));
+                g_object_set_data(G_OBJECT(element), "velmora-index", GINT_TO_POINTER(7));
+                return element;
+            }
+            GstElement* element = gst_element_factory_make(kind.c_str(), name);
+            if (element && kind == "appsrc") {
+                const gstptr::Caps caps(
+                    gst_caps_from_string("video/x-raw,format=RGBA,width=320,height=240,framerate=30/1"));
+                g_object_set(element, "caps", caps.get(), "is-live", TRUE, "format", GST_FORMAT_TIME,
+                             nullptr);
+            }
+            return element;
+        };
+    const gstptr::Caps deviceCaps(gst_caps_from_string(caps));
+    return makeFakeDevice("Cámara de prueba", "Video/Source", deviceCaps.get(), std::move(makeElement));
 }
 
 // Polls as the tick would, a few milliseconds apart, until done or the deadline.
@@ -154,17 +112,6 @@ bool isBarGreen(Rgb c)
 QString fileUri(const QString& path)
 {
     return QUrl::fromLocalFile(path).toString();
-}
-
-// Objects the leaks tracer still saw alive when GStreamer shut down.
-void recordAlive(GstDebugCategory* category, GstDebugLevel level, const gchar*, const gchar*, gint, GObject*,
-                 GstDebugMessage* message, gpointer alive)
-{
-    if (level != GST_LEVEL_TRACE || std::strcmp(gst_debug_category_get_name(category), "GST_TRACER") != 0)
-        return;
-    const char* text = gst_debug_message_get(message);
-    if (text && g_str_has_prefix(text, "object-alive"))
-        static_cast<QStringList*>(alive)->append(QString::fromUtf8(text).left(160));
 }
 
 float loudest(const std::deque<float>& samples)
@@ -215,9 +162,7 @@ private:
 void tst_Media::initTestCase()
 {
     // Every object a Media makes must be gone when it is; the leaks tracer tells at shut-down.
-    if (!qEnvironmentVariableIsSet("GST_TRACERS"))
-        qputenv("GST_TRACERS", "leaks");
-    trackingLeaks = qgetenv("GST_TRACERS").contains("leaks");
+    trackingLeaks = startLeakTracking();
     gst_init(nullptr, nullptr);
     QVERIFY(dir.isValid());
 
@@ -251,15 +196,7 @@ void tst_Media::initTestCase()
 
 void tst_Media::cleanupTestCase()
 {
-    if (!trackingLeaks) {
-        gst_deinit();
-        return;
-    }
-    QStringList alive;
-    gst_debug_add_log_function(recordAlive, &alive, nullptr);
-    gst_debug_remove_log_function(gst_debug_log_default);
-    gst_debug_set_threshold_for_name("GST_TRACER", GST_LEVEL_TRACE);
-    gst_deinit();
+    const QStringList alive = deinitAndListAlive(trackingLeaks);
     QVERIFY2(alive.isEmpty(), qPrintable(alive.join(QLatin1Char('\n'))));
 }
 
