@@ -1,6 +1,8 @@
 #include "AudioCapture.h"
+#include "AudioPeak.h"
 #include "Media.h"
 #include "GstTestRun.h"
+#include "SoundServer.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -13,10 +15,6 @@
 #include <QScopeGuard>
 #include <QStandardPaths>
 #include <QTest>
-
-#include <algorithm>
-#include <cmath>
-#include <deque>
 
 namespace {
 
@@ -31,9 +29,7 @@ QString runtimeFolder()
 // The test's own sound server. Its client library, loaded by GStreamer's plug-in, reads these when it
 // first connects; they are set before the application object and GStreamer exist.
 const bool soundServerEnvironment = [] {
-    const QByteArray runtime = QFile::encodeName(runtimeFolder());
-    qputenv("XDG_RUNTIME_DIR", runtime);
-    qputenv("PULSE_SERVER", "unix:" + runtime + "/pulse/native");
+    SoundServer::useFolder(runtimeFolder());
     return true;
 }();
 
@@ -52,12 +48,6 @@ bool runTool(const QString& program, const QStringList& arguments, QString* outp
     return finished && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
 }
 
-// Stops the server that runs with our folder, if any; says nothing when none does.
-void killSoundServer()
-{
-    runTool(QStringLiteral("pulseaudio"), {QStringLiteral("--kill")});
-}
-
 QPushButton* buttonNamed(const StudioWindow& window, const QString& text)
 {
     for (QPushButton* each : window.findChildren<QPushButton*>())
@@ -72,14 +62,6 @@ QStringList itemsOf(const QComboBox* combo)
     for (int index = 0; index < combo->count(); ++index)
         items.append(combo->itemText(index));
     return items;
-}
-
-float peakOf(const std::deque<float>& samples)
-{
-    float peak = 0.0f;
-    for (float sample : samples)
-        peak = std::max(peak, std::abs(sample));
-    return peak;
 }
 
 } // namespace
@@ -106,7 +88,7 @@ private:
     static void connectSources(StudioWindow& window);
     QString skipReason;
     QString serverFailure;
-    bool serverStarted = false;
+    SoundServer soundServer{runtimeFolder()};
     QString tonePath;
 };
 
@@ -123,20 +105,8 @@ void tst_Devices::initTestCase()
             skipReason = QStringLiteral("%1 is not installed").arg(QString::fromLatin1(tool));
     }
     if (skipReason.isEmpty()) {
-        // One left over from an interrupted run would hold the folder's socket.
-        killSoundServer();
-        QDir(runtimeFolder()).removeRecursively();
-        QVERIFY(QDir().mkpath(runtimeFolder()));
-        QVERIFY(
-            QFile::setPermissions(runtimeFolder(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-        QString output;
-        serverStarted = true;
-        if (!runTool(QStringLiteral("pulseaudio"),
-                     {QStringLiteral("--daemonize=yes"), QStringLiteral("--exit-idle-time=-1"),
-                      QStringLiteral("-n"), QStringLiteral("--load=module-native-protocol-unix"),
-                      QStringLiteral("--load=module-null-sink sink_name=studio")},
-                     &output))
-            serverFailure = QStringLiteral("pulseaudio did not start: ") + output;
+        QVERIFY(soundServer.clearFolder());
+        serverFailure = soundServer.start();
     }
     gst_init(nullptr, nullptr);
 
@@ -151,8 +121,7 @@ void tst_Devices::initTestCase()
 
 void tst_Devices::cleanupTestCase()
 {
-    if (serverStarted)
-        killSoundServer();
+    soundServer.stop();
 }
 
 void tst_Devices::needSoundServer()
@@ -205,14 +174,8 @@ void tst_Devices::monitorFeedsMeterAndProgramAudio()
     QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 10, 5000);
     QCOMPARE(window.inputMeter->value(), 0);
 
-    QProcess player;
-    player.setProcessChannelMode(QProcess::MergedChannels);
-    player.start(QStringLiteral("paplay"), {QStringLiteral("--device=studio"), tonePath});
-    QVERIFY(player.waitForStarted());
-    const auto stopPlayer = qScopeGuard([&] {
-        player.kill();
-        player.waitForFinished();
-    });
+    QVERIFY(soundServer.play(tonePath));
+    const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
     QTRY_VERIFY_WITH_TIMEOUT(window.inputMeter->value() > 0, 10000);
     QTRY_VERIFY_WITH_TIMEOUT(peakOf(window.programAudio) > 0.1f, 5000);
     QVERIFY(window.programAudio.size() <= 96000);

@@ -2,6 +2,7 @@
 #include "Local.h"
 #include "PropertyPanel.h"
 #include "SecretStore.h"
+#include "StandInHttpServer.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -16,119 +17,22 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
-#include <QMap>
 #include <QMessageBox>
-#include <QPointer>
 #include <QSettings>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 #include <QTimer>
 
 #include <gst/gst.h>
-#include <functional>
 #include <memory>
 
 namespace {
 
-// One request as it reached the stand-in; header names in lower case.
-struct Request
-{
-    QByteArray method;
-    QByteArray target;
-    QMap<QByteArray, QByteArray> headers;
-    QByteArray body;
-};
+// API.Bible and the AI service stand in on one loopback server. While it holds its answers the
+// operator sees the built-in text, or deletes the layer the answer is for.
+using Request = StandInHttpServer::Request;
+using Response = StandInHttpServer::Response;
 
-struct Response
-{
-    int status = 200;
-    QByteArray body;
-};
-
-// A small HTTP/1.1 server on 127.0.0.1 that stands in for API.Bible and the AI service, one
-// request per connection. While `holding`, answers wait for release(): that is the window in which
-// the operator sees the built-in text, or deletes the layer the answer is for.
-class StandIn
-{
-public:
-    std::function<Response(const Request&)> answer = [](const Request&) { return Response{404, "{}"}; };
-    QList<Request> requests;
-    bool holding = false;
-    int answered = 0; // answers written out and their connections closed
-
-    bool listen()
-    {
-        QObject::connect(&server, &QTcpServer::newConnection, &server, [this] {
-            while (QTcpSocket* socket = server.nextPendingConnection())
-                serve(socket);
-        });
-        return server.listen(QHostAddress::LocalHost, 0);
-    }
-
-    QString endpoint() const { return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort()); }
-
-    void release()
-    {
-        holding = false;
-        const auto waiting = std::exchange(held, {});
-        for (const auto& [socket, response] : waiting)
-            if (socket)
-                send(socket, response);
-    }
-
-private:
-    void serve(QTcpSocket* socket)
-    {
-        auto buffer = std::make_shared<QByteArray>();
-        QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer] {
-            buffer->append(socket->readAll());
-            const qsizetype headerEnd = buffer->indexOf("\r\n\r\n");
-            if (headerEnd < 0)
-                return;
-            Request request;
-            const QList<QByteArray> lines = buffer->left(headerEnd).split('\n');
-            const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-            request.method = requestLine.value(0);
-            request.target = requestLine.value(1);
-            for (qsizetype i = 1; i < lines.size(); ++i) {
-                const qsizetype colon = lines[i].indexOf(':');
-                if (colon > 0)
-                    request.headers.insert(lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
-            }
-            const qsizetype length = request.headers.value("content-length", "0").toLongLong();
-            if (buffer->size() < headerEnd + 4 + length)
-                return;
-            request.body = buffer->mid(headerEnd + 4, length);
-            buffer->clear();
-            requests.append(request);
-            const Response response = answer(request);
-            if (holding)
-                held.append({QPointer<QTcpSocket>(socket), response});
-            else
-                send(socket, response);
-        });
-    }
-
-    void send(QTcpSocket* socket, const Response& response)
-    {
-        QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { ++answered; });
-        QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
-        head += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(response.body.size()) +
-                "\r\nConnection: close\r\n\r\n";
-        socket->write(head + response.body);
-        socket->disconnectFromHost();
-    }
-
-    QTcpServer server;
-    QList<std::pair<QPointer<QTcpSocket>, Response>> held;
-};
-
-QByteArray json(const QJsonObject& object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
+constexpr auto json = &StandInHttpServer::json;
 
 Response passageReply(const QString& content)
 {
@@ -251,7 +155,7 @@ private:
     int layerCount() { return int(window->scene().layers.size()); }
     QString status() const { return window->statusLabel->text(); }
 
-    std::unique_ptr<StandIn> standIn;
+    std::unique_ptr<StandInHttpServer> standIn;
     std::unique_ptr<StudioWindow> window;
 };
 
@@ -263,7 +167,7 @@ void tst_VerseLookup::initTestCase()
 
 void tst_VerseLookup::init()
 {
-    standIn = std::make_unique<StandIn>();
+    standIn = std::make_unique<StandInHttpServer>();
     QVERIFY(standIn->listen());
     QSettings settings;
     settings.clear();

@@ -1,111 +1,24 @@
 #include "Api.h"
 #include "Reference.h"
+#include "StandInHttpServer.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QMap>
-#include <QPointer>
 #include <QSettings>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 
-#include <functional>
 #include <memory>
 
 namespace {
 
-// One request as it reached the stand-in; header names in lower case.
-struct Request
-{
-    QByteArray method;
-    QByteArray target;
-    QMap<QByteArray, QByteArray> headers;
-    QByteArray body;
-};
+using Request = StandInHttpServer::Request;
+using Response = StandInHttpServer::Response;
 
-struct Response
-{
-    int status = 200;
-    QByteArray body;
-    bool silent = false; // read the request and never answer
-};
-
-// A small HTTP/1.1 server on 127.0.0.1 that stands in for API.Bible and the AI service: it keeps
-// every request it was sent and answers each with `answer`, one request per connection.
-class StandIn
-{
-public:
-    std::function<Response(const Request&)> answer = [](const Request&) { return Response{}; };
-    QList<Request> requests;
-    int openConnections = 0;
-
-    bool listen()
-    {
-        QObject::connect(&server, &QTcpServer::newConnection, &server, [this] {
-            while (QTcpSocket* socket = server.nextPendingConnection())
-                serve(socket);
-        });
-        return server.listen(QHostAddress::LocalHost, 0);
-    }
-
-    QString endpoint() const { return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort()); }
-
-private:
-    void serve(QTcpSocket* socket)
-    {
-        ++openConnections;
-        auto buffer = std::make_shared<QByteArray>();
-        QObject::connect(socket, &QTcpSocket::disconnected, socket, [this, socket] {
-            --openConnections;
-            socket->deleteLater();
-        });
-        QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer] {
-            buffer->append(socket->readAll());
-            const qsizetype headerEnd = buffer->indexOf("\r\n\r\n");
-            if (headerEnd < 0)
-                return;
-            Request request;
-            const QList<QByteArray> lines = buffer->left(headerEnd).split('\n');
-            const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-            request.method = requestLine.value(0);
-            request.target = requestLine.value(1);
-            for (qsizetype i = 1; i < lines.size(); ++i) {
-                const qsizetype colon = lines[i].indexOf(':');
-                if (colon > 0)
-                    request.headers.insert(lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
-            }
-            const qsizetype length = request.headers.value("content-length", "0").toLongLong();
-            if (buffer->size() < headerEnd + 4 + length)
-                return;
-            request.body = buffer->mid(headerEnd + 4, length);
-            buffer->clear();
-            requests.append(request);
-
-            const Response response = answer(request);
-            if (response.silent)
-                return;
-            static const QMap<int, QByteArray> reasons{{200, "OK"}, {401, "Unauthorized"}, {403, "Forbidden"},
-                                                       {404, "Not Found"}, {500, "Internal Server Error"}};
-            QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' +
-                              reasons.value(response.status, "Status") + "\r\n";
-            head += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(response.body.size()) +
-                    "\r\nConnection: close\r\n\r\n";
-            socket->write(head + response.body);
-            socket->disconnectFromHost();
-        });
-    }
-
-    QTcpServer server;
-};
-
-QByteArray json(const QJsonObject& object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
+constexpr auto json = &StandInHttpServer::json;
 
 Response passageReply(const QString& content)
 {
@@ -205,7 +118,7 @@ private:
     void passageAnswer(bible::Api& api, const bible::Ref& ref, Answer& answer);
     void translateAnswer(QObject* parent, Answer& answer);
 
-    std::unique_ptr<StandIn> standIn;
+    std::unique_ptr<StandInHttpServer> standIn;
 };
 
 void tst_Api::initTestCase()
@@ -218,7 +131,8 @@ void tst_Api::initTestCase()
 
 void tst_Api::init()
 {
-    standIn = std::make_unique<StandIn>();
+    standIn = std::make_unique<StandInHttpServer>();
+    standIn->answer = [](const Request&) { return Response{}; }; // an empty success unless a test says otherwise
     QVERIFY(standIn->listen());
     QSettings settings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio"));
     settings.remove(QStringLiteral("apibible_endpoint"));

@@ -2,12 +2,11 @@
 #include "AudioProcessing.h"
 #include "FakeDevice.h"
 #include "GstTestRun.h"
+#include "SoundServer.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QStandardPaths>
 #include <QTest>
@@ -111,16 +110,6 @@ QByteArray show(const QList<double>& values)
     return text;
 }
 
-// Stops the test's sound server, if one runs with our folder; says nothing when none does.
-void killSoundServer()
-{
-    QProcess kill;
-    kill.setStandardOutputFile(QProcess::nullDevice());
-    kill.setStandardErrorFile(QProcess::nullDevice());
-    kill.start(QStringLiteral("pulseaudio"), {QStringLiteral("--kill")});
-    kill.waitForFinished(10000);
-}
-
 constexpr float notANumber = std::numeric_limits<float>::quiet_NaN();
 constexpr float infinity = std::numeric_limits<float>::infinity();
 
@@ -156,7 +145,7 @@ private:
     QString outputDir;
     QString pulseSkip;
     QString pulseFailure;
-    bool pulseStarted = false;
+    SoundServer pulse{QStringLiteral(VELMORA_TEST_OUTPUT "/runtime")};
 };
 
 void tst_AudioCapture::initTestCase()
@@ -165,33 +154,13 @@ void tst_AudioCapture::initTestCase()
     QVERIFY(QDir().mkpath(outputDir));
 
     // A private sound server: the client library must see it before GStreamer loads its plug-in.
-    const QString runtimeDir = outputDir + QStringLiteral("/runtime");
-    qputenv("XDG_RUNTIME_DIR", runtimeDir.toUtf8());
-    qputenv("PULSE_SERVER", "unix:" + runtimeDir.toUtf8() + "/pulse/native");
+    SoundServer::useFolder(outputDir + QStringLiteral("/runtime"));
     if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty() ||
         QStandardPaths::findExecutable(QStringLiteral("paplay")).isEmpty()) {
         pulseSkip = QStringLiteral("pulseaudio or paplay is not installed");
     } else {
-        // One left over from an interrupted run would hold the folder's socket.
-        killSoundServer();
-        QDir(runtimeDir).removeRecursively();
-        QVERIFY(QDir().mkpath(runtimeDir));
-        QVERIFY(QFile::setPermissions(runtimeDir, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-        QProcess server;
-        // English device names whatever the test's language.
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
-        server.setProcessEnvironment(environment);
-        server.setProcessChannelMode(QProcess::MergedChannels);
-        server.start(QStringLiteral("pulseaudio"),
-                     {QStringLiteral("--daemonize=yes"), QStringLiteral("--exit-idle-time=-1"),
-                      QStringLiteral("-n"), QStringLiteral("--load=module-native-protocol-unix"),
-                      QStringLiteral("--load=module-null-sink sink_name=studio")});
-        if (!server.waitForFinished(30000) || server.exitStatus() != QProcess::NormalExit ||
-            server.exitCode() != 0)
-            pulseFailure =
-                QStringLiteral("pulseaudio did not start: ") + QString::fromLocal8Bit(server.readAll());
-        pulseStarted = true;
+        QVERIFY(pulse.clearFolder());
+        pulseFailure = pulse.start();
     }
 
     // Every object a capture makes must be gone when it is; the leaks tracer tells at shut-down.
@@ -201,10 +170,7 @@ void tst_AudioCapture::initTestCase()
 
 void tst_AudioCapture::cleanupTestCase()
 {
-    const auto stopServer = qScopeGuard([this] {
-        if (pulseStarted)
-            killSoundServer();
-    });
+    const auto stopServer = qScopeGuard([this] { pulse.stop(); });
     const QStringList alive = deinitAndListAlive(trackingLeaks);
     QVERIFY2(alive.isEmpty(), qPrintable(alive.join(QLatin1Char('\n'))));
 }
@@ -608,18 +574,12 @@ void tst_AudioCapture::pulseAudioMonitor()
     QVERIFY2(capture.input.peak[0] < 0.001 && capture.input.peak[1] < 0.001,
              QByteArray::number(capture.input.peak[0]).constData());
 
-    QProcess player;
-    player.setProcessChannelMode(QProcess::MergedChannels);
-    player.start(QStringLiteral("paplay"), {QStringLiteral("--device=studio"), tonePath});
-    QVERIFY(player.waitForStarted());
-    const auto stopPlayer = qScopeGuard([&] {
-        player.kill();
-        player.waitForFinished();
-    });
+    QVERIFY(pulse.play(tonePath));
+    const auto stopPlayer = qScopeGuard([this] { pulse.stopPlaying(); });
     QVERIFY2(pollUntil(
                  capture, state, [&] { return capture.input.peak[0] > 0.1 && capture.input.peak[1] > 0.1; },
                  10000),
-             player.readAll().constData());
+             pulse.playerOutput().constData());
     QVERIFY(capture.running);
     QVERIFY(capture.error.empty());
     QVERIFY(capture.output.peak[0] > 0.1);

@@ -1,3 +1,4 @@
+#include "AudioPeak.h"
 #include "FakeDevice.h"
 #include "GstTestRun.h"
 #include "Media.h"
@@ -15,7 +16,6 @@
 #include <gst/app/gstappsrc.h>
 
 #include <atomic>
-#include <cmath>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -112,14 +112,6 @@ bool isBarGreen(Rgb c)
 QString fileUri(const QString& path)
 {
     return QUrl::fromLocalFile(path).toString();
-}
-
-float loudest(const std::deque<float>& samples)
-{
-    float peak = 0.0f;
-    for (float s : samples)
-        peak = std::max(peak, std::abs(s));
-    return peak;
 }
 
 } // namespace
@@ -464,7 +456,7 @@ void tst_Media::firstAudioStreamWins()
     Media media(64, 48, nullptr, fileUri(toneFirst ? toneThenSilence : silenceThenTone).toStdString(), false,
                 false);
     QVERIFY(pollUntil(media, [&] { return media.audioRing.size() >= 9600; }));
-    const float peak = loudest(media.audioRing);
+    const float peak = peakOf(media.audioRing);
     if (toneFirst)
         QVERIFY2(peak > 0.2f, qPrintable(QString::number(peak)));
     else

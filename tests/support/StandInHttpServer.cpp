@@ -1,0 +1,92 @@
+#include "StandInHttpServer.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTcpSocket>
+
+#include <memory>
+
+bool StandInHttpServer::listen()
+{
+    QObject::connect(&server, &QTcpServer::newConnection, &server, [this] {
+        while (QTcpSocket* socket = server.nextPendingConnection())
+            serve(socket);
+    });
+    return server.listen(QHostAddress::LocalHost, 0);
+}
+
+QString StandInHttpServer::endpoint() const
+{
+    return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort());
+}
+
+void StandInHttpServer::release()
+{
+    holding = false;
+    const auto waiting = std::exchange(held, {});
+    for (const auto& [socket, response] : waiting)
+        if (socket)
+            send(socket, response);
+}
+
+QByteArray StandInHttpServer::json(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+void StandInHttpServer::serve(QTcpSocket* socket)
+{
+    ++openConnections;
+    auto buffer = std::make_shared<QByteArray>();
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, [this, socket] {
+        --openConnections;
+        socket->deleteLater();
+    });
+    QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer] {
+        buffer->append(socket->readAll());
+        const qsizetype headerEnd = buffer->indexOf("\r\n\r\n");
+        if (headerEnd < 0)
+            return;
+        Request request;
+        const QList<QByteArray> lines = buffer->left(headerEnd).split('\n');
+        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+        request.method = requestLine.value(0);
+        request.target = requestLine.value(1);
+        for (qsizetype i = 1; i < lines.size(); ++i) {
+            const qsizetype colon = lines[i].indexOf(':');
+            if (colon > 0)
+                request.headers.insert(lines[i].left(colon).trimmed().toLower(),
+                                       lines[i].mid(colon + 1).trimmed());
+        }
+        const qsizetype length = request.headers.value("content-length", "0").toLongLong();
+        if (buffer->size() < headerEnd + 4 + length)
+            return;
+        request.body = buffer->mid(headerEnd + 4, length);
+        buffer->clear();
+        requests.append(request);
+
+        const Response response = answer(request);
+        if (response.silent)
+            return;
+        if (holding)
+            held.append({QPointer<QTcpSocket>(socket), response});
+        else
+            send(socket, response);
+    });
+}
+
+void StandInHttpServer::send(QTcpSocket* socket, const Response& response)
+{
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { ++answered; });
+    static const QMap<int, QByteArray> reasons{{200, "OK"},
+                                               {401, "Unauthorized"},
+                                               {403, "Forbidden"},
+                                               {404, "Not Found"},
+                                               {500, "Internal Server Error"}};
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' +
+                      reasons.value(response.status, "Status") + "\r\n";
+    head += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(response.body.size()) +
+            "\r\nConnection: close\r\n\r\n";
+    socket->write(head + response.body);
+    socket->disconnectFromHost();
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QPointer>
+#include <QString>
+#include <QTcpServer>
+
+#include <functional>
+#include <utility>
+
+class QJsonObject;
+class QTcpSocket;
+
+// A small HTTP/1.1 server on 127.0.0.1 that stands in for a web service (API.Bible, the AI service):
+// it keeps every request it was sent and answers each with `answer`, one request per connection.
+// While `holding`, answers wait for release(): the window in which a test looks at what the client
+// does before its answer arrives.
+class StandInHttpServer
+{
+public:
+    // One request as it reached the stand-in; header names in lower case.
+    struct Request
+    {
+        QByteArray method;
+        QByteArray target;
+        QMap<QByteArray, QByteArray> headers;
+        QByteArray body;
+    };
+
+    struct Response
+    {
+        int status = 200;
+        QByteArray body;
+        bool silent = false; // read the request and never answer
+    };
+
+    StandInHttpServer() = default;
+    StandInHttpServer(const StandInHttpServer&) = delete;
+    StandInHttpServer& operator=(const StandInHttpServer&) = delete;
+
+    std::function<Response(const Request&)> answer = [](const Request&) {
+        return Response{404, "{}", false};
+    };
+    QList<Request> requests;
+    bool holding = false;
+    int answered = 0;        // answers written out and their connections closed
+    int openConnections = 0; // connections accepted and not yet closed
+
+    // Listens on a free loopback port.
+    bool listen();
+    // "http://127.0.0.1:<port>/v1/".
+    QString endpoint() const;
+    // Sends the answers held so far and stops holding.
+    void release();
+
+    // A body for an answer, as the services write it.
+    static QByteArray json(const QJsonObject& object);
+
+private:
+    void serve(QTcpSocket* socket);
+    void send(QTcpSocket* socket, const Response& response);
+
+    QTcpServer server;
+    QList<std::pair<QPointer<QTcpSocket>, Response>> held;
+};
