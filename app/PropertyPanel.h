@@ -23,10 +23,10 @@ public:
     // Shows the rows of `layer`, or a hint when it is null. The form is rebuilt only when the layer
     // or its kind differs from the last build; otherwise only the four position boxes are written,
     // with their signals blocked, so typing and dragging on the canvas never rebuild the form.
-    // To show other fields changed from outside (a looked-up verse, a new image), refresh(nullptr)
-    // and then the layer again; that is safe even from inside one of the panel's own callbacks,
-    // since the old form is deleted later.
     void refresh(Layer* layer);
+    // Builds the form anew, for fields changed from outside (a looked-up verse, a new image); safe
+    // even from inside one of the panel's own callbacks, since the old form is deleted later.
+    void rebuild(Layer* layer);
 
     std::function<Layer*()> currentLayer = [] { return nullptr; };
     std::function<void()> changed = [] {};
@@ -38,7 +38,6 @@ public:
     std::function<QColor(const QColor& current, bool withAlpha)> pickColour;
 
 private:
-    void rebuild(Layer* layer);
     void addPosition(QFormLayout* form, const Layer& layer);
     void addAlignGrid(QFormLayout* form);
     QPushButton* colourButton(const QColor& colour, bool withAlpha, QColor Layer::*field);

@@ -126,6 +126,11 @@ private:
     QWidget* buildSceneTab();
     QMenu* buildSourceMenu(QWidget* parent);
     void askNetworkSource();
+    void askImageLayer();
+    void askVideoLayer();
+    QString chooseImageFile();
+    // A new layer of `kind` in that kind's starting box.
+    static Layer layerOfKind(Layer::Kind kind);
     void moveSelectedLayer(int step);
     void removeSelectedLayer();
     void changeSelectedImage();

@@ -175,10 +175,7 @@ void StudioWindow::showQuickVerse()
         }
     }
     if (index < 0) {
-        Layer verse;
-        verse.kind = Layer::Kind::Verse;
-        verse.rect = QRectF(0.08, 0.62, 0.84, 0.3);
-        addLayer(verse);
+        addLayer(layerOfKind(Layer::Kind::Verse));
         index = int(scene().layers.size()) - 1;
     }
     canvas->select(index);

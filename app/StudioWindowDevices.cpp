@@ -5,10 +5,8 @@
 #include "i18n.h"
 
 #include <QComboBox>
-#include <QFileDialog>
 #include <QGuiApplication>
 #include <QScreen>
-#include <QUrl>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -38,21 +36,11 @@ QWidget* StudioWindow::buildSourcesTab()
     grid->addWidget(connectButton, 1, 2);
 
     QPushButton* loadImage = button(T("Cargar imagen"));
-    action(loadImage, [this] {
-        const QString path = QFileDialog::getOpenFileName(this, T("Imagen"), QString(),
-                                                          T("Imágenes (*.png *.jpg *.jpeg *.bmp *.webp)"));
-        if (!path.isEmpty())
-            addImageLayer(path);
-    });
+    action(loadImage, [this] { askImageLayer(); });
     auto* loadRow = new QHBoxLayout;
     loadRow->addWidget(loadImage);
     QPushButton* loadVideo = button(T("Cargar video"));
-    action(loadVideo, [this] {
-        const QString path =
-            QFileDialog::getOpenFileName(this, T("Video"), QString(), T("Videos (*.webm *.mp4 *.mov *.mkv)"));
-        if (!path.isEmpty())
-            addVideoLayer(QUrl::fromLocalFile(path).toString());
-    });
+    action(loadVideo, [this] { askVideoLayer(); });
     loadRow->addWidget(loadVideo);
     QPushButton* networkSource = button(T("Fuente de red"));
     action(networkSource, [this] { askNetworkSource(); });

@@ -18,11 +18,13 @@
 #include <QMessageBox>
 #include <QScrollArea>
 #include <QSignalBlocker>
+#include <QUrl>
 #include <QVBoxLayout>
 #include <stdexcept>
 
 namespace {
 
+// Each kind starts in its own box; addLayer never moves what it is given.
 QRectF startingBox(Layer::Kind kind)
 {
     switch (kind) {
@@ -39,7 +41,9 @@ QRectF startingBox(Layer::Kind kind)
     }
 }
 
-Layer layerOfKind(Layer::Kind kind)
+} // namespace
+
+Layer StudioWindow::layerOfKind(Layer::Kind kind)
 {
     Layer layer;
     layer.kind = kind;
@@ -47,7 +51,25 @@ Layer layerOfKind(Layer::Kind kind)
     return layer;
 }
 
-} // namespace
+QString StudioWindow::chooseImageFile()
+{
+    return QFileDialog::getOpenFileName(this, T("Imagen"), QString(), T("Imágenes (*.png *.jpg *.jpeg *.bmp *.webp)"));
+}
+
+void StudioWindow::askImageLayer()
+{
+    const QString path = chooseImageFile();
+    if (!path.isEmpty())
+        addImageLayer(path);
+}
+
+void StudioWindow::askVideoLayer()
+{
+    const QString path =
+        QFileDialog::getOpenFileName(this, T("Video"), QString(), T("Videos (*.webm *.mp4 *.mov *.mkv)"));
+    if (!path.isEmpty())
+        addVideoLayer(QUrl::fromLocalFile(path).toString());
+}
 
 QWidget* StudioWindow::buildSceneTab()
 {
@@ -146,24 +168,14 @@ QMenu* StudioWindow::buildSourceMenu(QWidget* parent)
         connect(menu->addAction(text), &QAction::triggered, this, [this, handler] { runGuarded(handler); });
     };
     entry(T("Cámara / capturadora"), [this] { addLayer(layerOfKind(Layer::Kind::Camera)); });
-    entry(T("Imagen..."), [this] {
-        const QString path = QFileDialog::getOpenFileName(this, T("Imagen"), QString(),
-                                                          T("Imágenes (*.png *.jpg *.jpeg *.bmp *.webp)"));
-        if (!path.isEmpty())
-            addImageLayer(path);
-    });
+    entry(T("Imagen..."), [this] { askImageLayer(); });
     entry(T("Texto"), [this] {
         Layer text = layerOfKind(Layer::Kind::Text);
         text.text = T("Texto nuevo");
         text.size = 56;
         addLayer(text);
     });
-    entry(T("Video..."), [this] {
-        const QString path =
-            QFileDialog::getOpenFileName(this, T("Video"), QString(), T("Videos (*.webm *.mp4 *.mov *.mkv)"));
-        if (!path.isEmpty())
-            addVideoLayer(QUrl::fromLocalFile(path).toString());
-    });
+    entry(T("Video..."), [this] { askVideoLayer(); });
     entry(T("Fuente de red..."), [this] { askNetworkSource(); });
     entry(T("Captura de pantalla"), [this] { addScreenLayer(); });
     entry(T("Color sólido"), [this] { addLayer(layerOfKind(Layer::Kind::Color)); });
@@ -275,8 +287,7 @@ void StudioWindow::changeSelectedImage()
     Layer* layer = selectedLayer();
     if (!layer)
         return;
-    const QString path = QFileDialog::getOpenFileName(this, T("Imagen"), QString(),
-                                                      T("Imágenes (*.png *.jpg *.jpeg *.bmp *.webp)"));
+    const QString path = chooseImageFile();
     if (path.isEmpty())
         return;
     auto decoded = decodeImage(path);
@@ -385,10 +396,8 @@ void StudioWindow::refreshLayerList()
     }
     canvas->update();
     // A new selection, or new contents written from outside the panel (a verse, a picture): rebuild.
-    if (propertyPanel) {
-        propertyPanel->refresh(nullptr);
-        propertyPanel->refresh(selectedLayer());
-    }
+    if (propertyPanel)
+        propertyPanel->rebuild(selectedLayer());
 }
 
 void StudioWindow::refreshLayerNames()
