@@ -5,6 +5,7 @@
 #include "Compositor.h"
 #include "Destination.h"
 #include "FrameClock.h"
+#include "FramePool.h"
 #include "GstPtr.h"
 #include "SceneDef.h"
 
@@ -221,6 +222,7 @@ private:
     std::vector<gstptr::Device> audioDevices;
     std::array<Destination, 4> destinations;
     std::unique_ptr<Output> recording;
+    FramePool outputFrames; // the Stream program as the outputs take it, reused frame to frame
     std::vector<std::future<void>> retired;
     tavrin::AudioState audioState;
     std::deque<float> programAudio;

@@ -174,7 +174,9 @@ void StudioWindow::pushOutputs(const QImage& streamProgram, const std::vector<fl
 {
     if (!outputsRunning())
         return;
-    const auto frame = std::make_shared<const tavrin::Frame>(frameFromImage(streamProgram));
+    std::shared_ptr<tavrin::Frame> filled = outputFrames.acquire();
+    frameFromImage(streamProgram, *filled);
+    const std::shared_ptr<const tavrin::Frame> frame = std::move(filled);
     const auto pts = std::uint64_t(frameUs - epochUs) * 1000;
     if (recording) {
         recording->push(frame, audio, pts);

@@ -363,8 +363,11 @@ void Media::poll()
     const gstptr::VideoFrameMap frame(info, gst_sample_get_buffer(sample.get()));
     if (!frame.ok())
         return;
-    // A size the frame refuses throws from here; the map and the sample are released on the way out.
-    latest = tavrin::Frame(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info));
+    // A new picture of the same size goes into the same storage: the compositor tells pictures apart by
+    // frameCount, and only this thread reads `latest`. A size the frame refuses throws from here; the
+    // map and the sample are released on the way out.
+    if (latest.width != GST_VIDEO_INFO_WIDTH(&info) || latest.height != GST_VIDEO_INFO_HEIGHT(&info))
+        latest = tavrin::Frame(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info));
     const auto* plane = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame.get(), 0));
     const std::size_t stride = std::size_t(GST_VIDEO_FRAME_PLANE_STRIDE(&frame.get(), 0));
     const std::size_t rowBytes = std::size_t(latest.width) * 4;

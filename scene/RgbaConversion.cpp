@@ -72,19 +72,28 @@ void unpremultiplyRow(const quint32* source, uchar* target, int count, bool forc
 tavrin::Frame frameFromImage(const QImage& picture)
 {
     tavrin::Frame frame;
+    frameFromImage(picture, frame);
+    return frame;
+}
+
+void frameFromImage(const QImage& picture, tavrin::Frame& frame)
+{
     // A frame holds 1 to 8192 pixels a side.
-    if (picture.isNull() || picture.width() > 8192 || picture.height() > 8192)
-        return frame;
+    if (picture.isNull() || picture.width() > 8192 || picture.height() > 8192) {
+        frame = tavrin::Frame();
+        return;
+    }
     frame.width = picture.width();
     frame.height = picture.height();
     const std::size_t rowBytes = std::size_t(frame.width) * 4;
     const QImage::Format format = picture.format();
+    // Every byte is written below: a reused frame of the same size is not cleared first.
+    frame.pixels.resize(rowBytes * std::size_t(frame.height));
 
     if (format == QImage::Format_RGBA8888 && std::size_t(picture.bytesPerLine()) == rowBytes) {
-        frame.pixels.assign(picture.constBits(), picture.constBits() + rowBytes * std::size_t(frame.height));
-        return frame;
+        std::memcpy(frame.pixels.data(), picture.constBits(), frame.pixels.size());
+        return;
     }
-    frame.pixels.resize(rowBytes * std::size_t(frame.height));
     const bool direct = packedSwap && (format == QImage::Format_ARGB32_Premultiplied || format == QImage::Format_RGB32);
     const QImage rgba = direct || format == QImage::Format_RGBA8888 ? picture
                                                                      : picture.convertToFormat(QImage::Format_RGBA8888);
@@ -96,5 +105,4 @@ tavrin::Frame frameFromImage(const QImage& picture)
         else
             std::memcpy(target, rgba.constScanLine(y), rowBytes);
     }
-    return frame;
 }
