@@ -1,4 +1,5 @@
 #include "Picture.h"
+#include "PictureCentre.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -106,11 +107,6 @@ QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
         x = std::int16_t(x + monitor.width);
     }
     return {};
-}
-
-QColor centreOf(const QImage& image)
-{
-    return image.isNull() ? QColor() : image.pixelColor(image.rect().center());
 }
 
 bool isBlack(const QColor& colour)

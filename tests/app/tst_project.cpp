@@ -4,6 +4,7 @@
 #include "Media.h"
 #include "Output.h"
 #include "Picture.h"
+#include "PictureCentre.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -107,11 +108,6 @@ QJsonArray scenesJson(const std::vector<SceneDef>& list)
     for (const SceneDef& each : list)
         array.append(each.toJson());
     return array;
-}
-
-QColor centreOf(const QImage& image)
-{
-    return image.isNull() ? QColor() : image.pixelColor(image.width() / 2, image.height() / 2);
 }
 
 // The camera's test pattern has reached the picture: its centre is a bar, not black.

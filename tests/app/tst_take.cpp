@@ -2,6 +2,7 @@
 #include "GstTestRun.h"
 #include "Media.h"
 #include "Picture.h"
+#include "PictureCentre.h"
 #include "StudioWindow.h"
 
 #include <QCheckBox>
@@ -28,7 +29,6 @@ private Q_SLOTS:
     void addressSchemes();
 
 private:
-    static QColor centreOf(const QImage& image) { return image.pixelColor(image.width() / 2, image.height() / 2); }
     static QColor bandPixel(const QImage& image) { return image.pixelColor(image.width() / 2, image.height() * 80 / 100); }
     static Layer videoLayer(StudioWindow& window, const QString& file);
     QTemporaryDir files;
