@@ -19,6 +19,7 @@ test_packages=(
   nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl
   pulseaudio pulseaudio-utils
   gnome-keyring libsecret-tools dbus
+  espeak-ng sox
 )
 
 wanted=("${studio_packages[@]}")

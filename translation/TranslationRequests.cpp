@@ -46,9 +46,9 @@ void Translation::json(const QString& path, const QJsonObject& body, int timeout
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, sent, label, onOk = std::move(onOk), onFail = std::move(onFail)] {
                 reply->deleteLater();
-                const QByteArray answer = reply->readAll();
                 if (sent != generation || !running)
                     return;
+                const QByteArray answer = reply->readAll();
                 if (reply->error() == QNetworkReply::NoError) {
                     onOk(answer);
                     return;
@@ -149,9 +149,9 @@ void Translation::transcribeThenTranslate(const Segment& segment)
     const int id = segment.id;
     connect(reply, &QNetworkReply::finished, this, [this, reply, sent, id] {
         reply->deleteLater();
-        const QByteArray answer = reply->readAll();
         if (sent != generation || !running)
             return;
+        const QByteArray answer = reply->readAll();
         if (reply->error() == QNetworkReply::NoError) {
             translate(id, QJsonDocument::fromJson(answer).object().value(QLatin1String("text")).toString());
             return;

@@ -3,6 +3,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTcpSocket>
+#include <QTimer>
 
 #include <memory>
 
@@ -68,7 +69,13 @@ void StandInHttpServer::serve(QTcpSocket* socket)
         const Response response = answer(request);
         if (response.silent)
             return;
-        if (holding)
+        if (response.drop) {
+            socket->abort();
+            return;
+        }
+        if (response.delayMs > 0)
+            QTimer::singleShot(response.delayMs, socket, [this, socket, response] { send(socket, response); });
+        else if (holding)
             held.append({QPointer<QTcpSocket>(socket), response});
         else
             send(socket, response);
@@ -82,11 +89,14 @@ void StandInHttpServer::send(QTcpSocket* socket, const Response& response)
                                                {401, "Unauthorized"},
                                                {403, "Forbidden"},
                                                {404, "Not Found"},
+                                               {429, "Too Many Requests"},
                                                {500, "Internal Server Error"}};
     QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' +
                       reasons.value(response.status, "Status") + "\r\n";
-    head += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(response.body.size()) +
-            "\r\nConnection: close\r\n\r\n";
+    for (const auto& [name, value] : response.headers)
+        head += name + ": " + value + "\r\n";
+    head += "Content-Type: " + response.contentType + "\r\nContent-Length: " +
+            QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n";
     socket->write(head + response.body);
     socket->disconnectFromHost();
 }

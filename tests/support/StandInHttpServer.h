@@ -34,6 +34,10 @@ public:
         int status = 200;
         QByteArray body;
         bool silent = false; // read the request and never answer
+        bool drop = false;   // close the connection without an answer
+        int delayMs = 0;     // answer this much later, so that answers can overtake each other
+        QList<std::pair<QByteArray, QByteArray>> headers{};
+        QByteArray contentType = "application/json";
     };
 
     StandInHttpServer() = default;
