@@ -8,6 +8,10 @@
 // Before it comes the cost of a verse lookup (parse and the text of Psalm 119 from the built-in
 // Spanish Bible), the first in the process and then a warm median:
 //   bible_lookup_ms cold=<first, with the Bible's unpacking> warm=<median>
+// and what live translation adds: the share of one core that phrase cutting takes, and the time
+// from a translation's arrival to the start of the first composed frame that shows it:
+//   translation_feed_core_pct=<percent>
+//   caption_delay_ms p50=<median> p99=<99th percentile>
 //
 // Options: --frames N (default 300), --warmup N (default 30), --show-slow MS (list every frame
 // slower than MS, part by part).
@@ -17,6 +21,7 @@
 #include "Frame.h"
 #include "Passage.h"
 #include "Reference.h"
+#include "TranslationBench.h"
 
 #include <QElapsedTimer>
 #include <QGuiApplication>
@@ -365,6 +370,9 @@ int main(int argc, char** argv)
     report("literal:", literal);
     std::printf("largest channel difference fast vs literal: %d\n", largestDifference());
     std::printf("bible_lookup_ms cold=%.2f warm=%.3f\n", lookup.coldMs, lookup.warmMs);
+    const TranslationFigures translation = measureTranslation(150);
+    std::printf("translation_feed_core_pct=%.3f\n", translation.feedCorePercent);
+    std::printf("caption_delay_ms p50=%.2f p99=%.2f\n", translation.captionDelayP50Ms, translation.captionDelayP99Ms);
     std::printf("frame_stage_ms p50=%.2f p99=%.2f literal_p50=%.2f speedup=%.2f\n", fast.p50, fast.p99, literal.p50,
                 literal.p50 / fast.p50);
     return 0;
