@@ -36,6 +36,8 @@ Translation::Translation(const QString& endpoint, QObject* parent)
     : QObject(parent), base(endpoint.isEmpty() ? bible::aiServiceEndpoint() : endpoint)
 {
     nowMs = [] { return QDateTime::currentMSecsSinceEpoch(); };
+    live.nowMs = [this] { return nowMs(); };
+    live.endpoint = base;
     flushTimer.setInterval(500);
     connect(&flushTimer, &QTimer::timeout, this, &Translation::flush);
     flushTimer.start();
