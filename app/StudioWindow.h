@@ -159,7 +159,7 @@ private:
     void clearCaptions();
     void directionChosen(const QString& target);
     void testAiKey();
-    void storeAiKey();
+    void storeAiKey(const QString& key);
     CaptionView captionView() const;
     void listOnlineBibles();
     void hallScreensPressed();

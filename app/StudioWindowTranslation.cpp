@@ -166,7 +166,7 @@ void StudioWindow::translatePressed()
     }
     if (!capture || !capture->running)
         throw std::runtime_error("Conecta una entrada de voz antes de iniciar IA");
-    storeAiKey();
+    storeAiKey(aiKeyField->text().trimmed());
     if (aiKeyField->text().trimmed().isEmpty())
         aiKeyField->setText(readSecret(QStringLiteral("openai")));
     startTranslation(aiKeyField->text());
@@ -195,10 +195,10 @@ void StudioWindow::clearCaptions()
     captionText.clear();
 }
 
-void StudioWindow::storeAiKey()
+void StudioWindow::storeAiKey(const QString& key)
 {
-    // An empty field deletes the stored key.
-    if (keySaveCheck->isChecked() && !storeSecret(QStringLiteral("openai"), aiKeyField->text().trimmed()))
+    // An empty key deletes the stored one.
+    if (keySaveCheck->isChecked() && !storeSecret(QStringLiteral("openai"), key))
         throw std::runtime_error("No se pudo guardar API en almacén seguro");
 }
 
@@ -235,7 +235,7 @@ void StudioWindow::testAiKey()
         key = readSecret(QStringLiteral("openai"));
     if (key.isEmpty())
         throw std::runtime_error("Ingresa tu API key");
-    storeAiKey();
+    storeAiKey(key);
     notify(T("Probando la API de OpenAI..."));
 
     QNetworkRequest request(QUrl(translation.endpoint() + QStringLiteral("responses")));

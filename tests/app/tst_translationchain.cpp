@@ -6,6 +6,7 @@
 #include "SoundServer.h"
 #include "StandInHttpServer.h"
 #include "StudioWindow.h"
+#include "TestHome.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -30,9 +31,9 @@ using Response = StandInHttpServer::Response;
 const QString runtimeFolder = QStringLiteral(VELMORA_TEST_OUTPUT "/runtime");
 
 // Set before the application object and GStreamer exist, for the sound server's client library.
-const bool soundServerEnvironment = [] {
+const bool environment = [] {
     SoundServer::useFolder(runtimeFolder);
-    return true;
+    return useTestHome(VELMORA_TEST_OUTPUT "/home");
 }();
 
 // Twenty seconds of a tone at half of full scale, as the service's speech comes: 24 kHz mono 16-bit.
@@ -80,7 +81,7 @@ private:
 
 void tst_TranslationChain::initTestCase()
 {
-    QVERIFY(soundServerEnvironment);
+    QVERIFY(environment);
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
     QVERIFY(soundServer.clearFolder());

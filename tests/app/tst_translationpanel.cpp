@@ -3,12 +3,11 @@
 #include "SecretStore.h"
 #include "StandInHttpServer.h"
 #include "StudioWindow.h"
+#include "TestHome.h"
 #include "TranslationText.h"
 
-#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -27,6 +26,7 @@ namespace {
 using Request = StandInHttpServer::Request;
 using Response = StandInHttpServer::Response;
 
+const bool testHome = useTestHome(VELMORA_TEST_OUTPUT "/home");
 const QString aiKey = QStringLiteral("sk-panel-5c2e-secret");
 const QStringList threePhrases{QStringLiteral("Grace and peace to you all."), QStringLiteral("Let us open the Word together."),
                                QStringLiteral("Today we read John chapter three.")};
@@ -59,6 +59,7 @@ class tst_TranslationPanel : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
     void init();
     void cleanup();
 
@@ -108,6 +109,14 @@ private:
     std::unique_ptr<StandInHttpServer> standIn;
     std::unique_ptr<StudioWindow> window;
 };
+
+void tst_TranslationPanel::initTestCase()
+{
+    QVERIFY(testHome);
+    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
+    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    gst_init(nullptr, nullptr);
+}
 
 void tst_TranslationPanel::init()
 {
@@ -463,30 +472,11 @@ void tst_TranslationPanel::keyTest()
     QCOMPARE(sent.target, "/v1/responses");
     QCOMPARE(sent.headers.value("authorization"), "Bearer " + aiKey.toUtf8());
     QCOMPARE(sent.headers.value("content-type"), "application/json");
+    QCOMPARE(readSecretFile(QStringLiteral("openai")), stored);
     QCOMPARE(QJsonDocument::fromJson(sent.body).object(),
              QJsonObject({{"model", "gpt-4.1-mini"}, {"input", "Responde solo: OK"}, {"max_output_tokens", 16},
                           {"store", false}}));
 }
 
-// Settings, secrets and the log stay in the test's own folders, also when it is run by hand, and
-// the secret store never reaches the user's keyring.
-int main(int argc, char** argv)
-{
-    const QByteArray home = VELMORA_TEST_OUTPUT "/home";
-    QDir().mkpath(QString::fromUtf8(home));
-    qputenv("HOME", home);
-    qputenv("XDG_CONFIG_HOME", home + "/config");
-    qputenv("XDG_DATA_HOME", home + "/data");
-    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home + "/no-bus");
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-
-    QApplication application(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-    gst_init(nullptr, nullptr);
-    tst_TranslationPanel test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_MAIN(tst_TranslationPanel)
 #include "tst_translationpanel.moc"
