@@ -202,9 +202,13 @@ void tst_TranslationPanel::startButton()
     QTRY_COMPARE(standIn->requests.size(), 1);
     QCOMPARE(standIn->requests[0].headers.value("authorization"), "Bearer " + aiKey.toUtf8());
 
+    // A new speech replaces what is left of the former one.
+    window->translation.voiceAudio(QByteArray(48000, '\x10'));
+    window->translation.voiceAudio(QByteArray(4800, '\x10'));
+    QCOMPARE(window->voiceAudio.size(), std::size_t(4800 / 2 * 4));
+
     // Pausing ends the session and empties the screens and the voice.
     window->translation.caption(threePhrases[0]);
-    window->translation.voiceAudio(QByteArray(4800, '\x10'));
     press(QStringLiteral("Pausar traducción"));
     QVERIFY(!window->translation.running);
     QCOMPARE(window->translateButton->text(), QStringLiteral("Iniciar traducción"));
