@@ -26,12 +26,14 @@ constexpr int keyTestTimeoutMs = 15000;
 
 // Languages offered for the screens; any other typed name goes to the model as written.
 const QStringList targetLanguages{
-    QStringLiteral("English"),  QStringLiteral("Spanish"),        QStringLiteral("Portuguese"),
-    QStringLiteral("French"),   QStringLiteral("German"),         QStringLiteral("Italian"),
-    QStringLiteral("Korean"),   QStringLiteral("Chinese (Mandarin)"), QStringLiteral("Japanese"),
-    QStringLiteral("Russian"),  QStringLiteral("Arabic"),         QStringLiteral("Hindi"),
-    QStringLiteral("Tagalog"),  QStringLiteral("Vietnamese"),     QStringLiteral("Haitian Creole"),
-    QStringLiteral("Swahili"),
+    QStringLiteral("English"),        QStringLiteral("Spanish"),
+    QStringLiteral("Portuguese"),     QStringLiteral("French"),
+    QStringLiteral("German"),         QStringLiteral("Italian"),
+    QStringLiteral("Korean"),         QStringLiteral("Chinese (Mandarin)"),
+    QStringLiteral("Japanese"),       QStringLiteral("Russian"),
+    QStringLiteral("Arabic"),         QStringLiteral("Hindi"),
+    QStringLiteral("Tagalog"),        QStringLiteral("Vietnamese"),
+    QStringLiteral("Haitian Creole"), QStringLiteral("Swahili"),
 };
 
 } // namespace
@@ -64,7 +66,8 @@ QWidget* StudioWindow::buildTranslationPanel()
     targetCombo->addItems(targetLanguages);
     targetCombo->setToolTip(T("Idioma de la traducción"));
     targetCombo->lineEdit()->setPlaceholderText(T("Escribe cualquier idioma..."));
-    targetCombo->setEditText(settings.value(QStringLiteral("translation_target"), QStringLiteral("English")).toString());
+    targetCombo->setEditText(
+        settings.value(QStringLiteral("translation_target"), QStringLiteral("English")).toString());
     connect(targetCombo, &QComboBox::editTextChanged, this, [this](const QString& text) {
         settings.setValue(QStringLiteral("translation_target"), text.trimmed());
     });
@@ -107,7 +110,8 @@ QWidget* StudioWindow::buildTranslationPanel()
     });
     grid->addWidget(liveModeCheck, 5, 1);
     separatorCombo = new QComboBox;
-    separatorCombo->addItems({T("Frases seguidas"), T("Cada frase en su renglón"), T("Renglón en blanco entre frases")});
+    separatorCombo->addItems(
+        {T("Frases seguidas"), T("Cada frase en su renglón"), T("Renglón en blanco entre frases")});
     separatorCombo->setToolTip(T("Cómo se separan las frases en pantalla (cada pausa es una frase)"));
     const int separator = settings.value(QStringLiteral("caption_separator"), 1).toInt();
     separatorCombo->setCurrentIndex(separator == 1 || separator == 2 ? separator : 0);
@@ -120,8 +124,9 @@ QWidget* StudioWindow::buildTranslationPanel()
     guarded(keyTest, [this] { testAiKey(); });
     grid->addWidget(keyTest, 5, 3);
 
-    auto* note = new QLabel(T("Al iniciar aceptas enviar la entrada seleccionada a OpenAI. Tiene costo de API.\n"
-                              "La voz es sintética; no se reproduce en altavoces. Música y ruido afectan la calidad."));
+    auto* note = new QLabel(
+        T("Al iniciar aceptas enviar la entrada seleccionada a OpenAI. Tiene costo de API.\n"
+          "La voz es sintética; no se reproduce en altavoces. Música y ruido afectan la calidad."));
     note->setWordWrap(true);
     grid->addWidget(note, 6, 0, 1, 4);
     grid->setColumnStretch(1, 1);

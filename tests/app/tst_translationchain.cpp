@@ -54,7 +54,9 @@ Response serviceAnswer(const Request& request, int& heard)
         const QString input = QJsonDocument::fromJson(request.body).object().value("input").toString();
         const QString number = input.section(QStringLiteral("New text: frase "), 1);
         const QJsonObject text{{"type", "output_text"}, {"text", QStringLiteral("Phrase ") + number}};
-        return {200, StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", QJsonArray{text}}}}}}), false};
+        return {200,
+                StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", QJsonArray{text}}}}}}),
+                false};
     }
     if (request.target.endsWith("audio/speech"))
         return {200, speechTone(), false};
@@ -93,15 +95,16 @@ void tst_TranslationChain::initTestCase()
     const QString spoken = QStringLiteral(VELMORA_TEST_OUTPUT "/spoken.wav");
     speechPath = QStringLiteral(VELMORA_TEST_OUTPUT "/speech.wav");
     int exitCode = -1;
-    const QString said = runTool(QStringLiteral("espeak-ng"),
-                                 {"-v", "es", "-m", "-w", spoken,
-                                  "<speak>Buenos días, hermanos y hermanas.<break time=\"1500ms\"/>Abramos juntos la "
-                                  "Biblia.<break time=\"1500ms\"/>Hoy leemos el evangelio de Juan.</speak>"},
-                                 &exitCode);
+    const QString said =
+        runTool(QStringLiteral("espeak-ng"),
+                {"-v", "es", "-m", "-w", spoken,
+                 "<speak>Buenos días, hermanos y hermanas.<break time=\"1500ms\"/>Abramos juntos la "
+                 "Biblia.<break time=\"1500ms\"/>Hoy leemos el evangelio de Juan.</speak>"},
+                &exitCode);
     QVERIFY2(exitCode == 0, qPrintable(said));
-    const QString converted = runTool(QStringLiteral("sox"), {spoken, "-r", "48000", "-c", "2", "-b", "16", speechPath,
-                                                              "pad", "1", "2"},
-                                      &exitCode);
+    const QString converted =
+        runTool(QStringLiteral("sox"),
+                {spoken, "-r", "48000", "-c", "2", "-b", "16", speechPath, "pad", "1", "2"}, &exitCode);
     QVERIFY2(exitCode == 0, qPrintable(converted));
 }
 
@@ -137,12 +140,13 @@ void tst_TranslationChain::speechToCaptionsAndVoice()
 
     // Each phrase reaches the hall picture as its own line, in the order spoken.
     Compositor reference;
-    const QStringList expected{QStringLiteral("Phrase 1"), QStringLiteral("Phrase 2"), QStringLiteral("Phrase 3")};
+    const QStringList expected{QStringLiteral("Phrase 1"), QStringLiteral("Phrase 2"),
+                               QStringLiteral("Phrase 3")};
     for (qsizetype count = 1; count <= expected.size(); ++count) {
         const QStringList phrases = expected.mid(0, count);
         const QImage picture =
-            reference.compose(window.hallProgram, QString(), false, window.hallWidth, window.hallHeight, true, false,
-                              {true, phrases.join(u'\n'), phrases, QStringLiteral("\n")}, nullptr);
+            reference.compose(window.hallProgram, QString(), false, window.hallWidth, window.hallHeight, true,
+                              false, {true, phrases.join(u'\n'), phrases, QStringLiteral("\n")}, nullptr);
         QTRY_VERIFY_WITH_TIMEOUT(window.hallMonitor->image == picture, 20000);
     }
     QCOMPARE(delivered, expected);
@@ -153,7 +157,8 @@ void tst_TranslationChain::speechToCaptionsAndVoice()
         QStringList inputs;
         for (const Request& request : service.requests) {
             const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-            if (request.target.endsWith("audio/speech") && body.value("response_format") == QLatin1String("pcm"))
+            if (request.target.endsWith("audio/speech") &&
+                body.value("response_format") == QLatin1String("pcm"))
                 inputs << body.value("input").toString();
         }
         return inputs;

@@ -28,7 +28,8 @@ using Response = StandInHttpServer::Response;
 
 const bool testHome = useTestHome(VELMORA_TEST_OUTPUT "/home");
 const QString aiKey = QStringLiteral("sk-panel-5c2e-secret");
-const QStringList threePhrases{QStringLiteral("Grace and peace to you all."), QStringLiteral("Let us open the Word together."),
+const QStringList threePhrases{QStringLiteral("Grace and peace to you all."),
+                               QStringLiteral("Let us open the Word together."),
                                QStringLiteral("Today we read John chapter three.")};
 
 // The brightest red of the first and of the last line of text in a picture, -1 when it has no text.
@@ -43,7 +44,8 @@ std::pair<int, int> firstAndLastLine(const QImage& picture)
     const qsizetype top = std::find_if(rowPeak.cbegin(), rowPeak.cend(), isText) - rowPeak.cbegin();
     if (top == rowPeak.size())
         return {-1, -1};
-    const qsizetype bottom = std::find_if(rowPeak.crbegin(), rowPeak.crend(), isText).base() - rowPeak.cbegin();
+    const qsizetype bottom =
+        std::find_if(rowPeak.crbegin(), rowPeak.crend(), isText).base() - rowPeak.cbegin();
     const auto peakOf = [&](qsizetype from, qsizetype to) {
         return *std::max_element(rowPeak.cbegin() + from, rowPeak.cbegin() + to);
     };
@@ -151,20 +153,22 @@ void tst_TranslationPanel::open()
 void tst_TranslationPanel::startButton_data()
 {
     QTest::addColumn<bool>("voiceInput");
-    QTest::addColumn<QString>("stored");   // the secret "openai" before the press
-    QTest::addColumn<QString>("typed");    // the key field
+    QTest::addColumn<QString>("stored"); // the secret "openai" before the press
+    QTest::addColumn<QString>("typed");  // the key field
     QTest::addColumn<bool>("save");
-    QTest::addColumn<QString>("shown");    // the status line after the press
+    QTest::addColumn<QString>("shown"); // the status line after the press
     QTest::addColumn<QString>("storedAfter");
 
     const QString started = QStringLiteral("IA: IA activa; conectando modo en vivo...");
-    QTest::newRow("no voice input") << false << "" << aiKey << true << "Conecta una entrada de voz antes de iniciar IA"
+    QTest::newRow("no voice input") << false << "" << aiKey << true
+                                    << "Conecta una entrada de voz antes de iniciar IA"
                                     << "";
     QTest::newRow("typed key, saved") << true << "" << aiKey << true << started << aiKey;
     QTest::newRow("typed key, not saved") << true << "" << aiKey << false << started << "";
     QTest::newRow("empty field takes the stored key") << true << aiKey << "" << false << started << aiKey;
     QTest::newRow("field cleared with the box on deletes the key")
-        << true << aiKey << "" << true << "Ingresa tu API key" << "";
+        << true << aiKey << "" << true << "Ingresa tu API key"
+        << "";
 }
 
 void tst_TranslationPanel::startButton()
@@ -241,11 +245,16 @@ void tst_TranslationPanel::direction_data()
 
     const QString toSpanish = QStringLiteral("Pantallas en español.");
     const QString toEnglish = QStringLiteral("Pantallas en inglés.");
-    QTest::newRow("idle, F1") << false << int(Qt::Key_F1) << "Spanish" << "en" << toSpanish;
-    QTest::newRow("idle, F2") << false << int(Qt::Key_F2) << "English" << "es" << toEnglish;
-    QTest::newRow("idle, button to Spanish") << false << 0 << "Spanish" << "en" << toSpanish;
-    QTest::newRow("running, F1") << true << int(Qt::Key_F1) << "Spanish" << "en" << toSpanish;
-    QTest::newRow("running, button to English") << true << 0 << "English" << "es" << toEnglish;
+    QTest::newRow("idle, F1") << false << int(Qt::Key_F1) << "Spanish"
+                              << "en" << toSpanish;
+    QTest::newRow("idle, F2") << false << int(Qt::Key_F2) << "English"
+                              << "es" << toEnglish;
+    QTest::newRow("idle, button to Spanish") << false << 0 << "Spanish"
+                                             << "en" << toSpanish;
+    QTest::newRow("running, F1") << true << int(Qt::Key_F1) << "Spanish"
+                                 << "en" << toSpanish;
+    QTest::newRow("running, button to English") << true << 0 << "English"
+                                                << "es" << toEnglish;
 }
 
 void tst_TranslationPanel::direction()
@@ -267,8 +276,9 @@ void tst_TranslationPanel::direction()
     if (key)
         QTest::keyClick(window.get(), Qt::Key(key));
     else
-        press(target == QLatin1String("Spanish") ? QStringLiteral("Predica en INGLÉS → pantallas en español")
-                                                 : QStringLiteral("Predica en ESPAÑOL → pantallas en inglés"));
+        press(target == QLatin1String("Spanish")
+                  ? QStringLiteral("Predica en INGLÉS → pantallas en español")
+                  : QStringLiteral("Predica en ESPAÑOL → pantallas en inglés"));
 
     QCOMPARE(status(), notice);
     QCOMPARE(window->targetCombo->currentText(), target);
@@ -374,11 +384,14 @@ void tst_TranslationPanel::statusReports_data()
     QTest::addColumn<bool>("sessionEnded"); // the session ended by itself: button back, screens empty
 
     QTest::newRow("a report of a running session")
-        << "report" << "Subtítulo actualizado · 1.2 s después de la frase" << false;
-    QTest::newRow("three hours reached") << "limit" << "IA pausada tras 3 horas; inicia otra sesion si corresponde."
-                                         << true;
+        << "report"
+        << "Subtítulo actualizado · 1.2 s después de la frase" << false;
+    QTest::newRow("three hours reached")
+        << "limit"
+        << "IA pausada tras 3 horas; inicia otra sesion si corresponde." << true;
     // A refused key reports while the session still counts as running, and ends it right after.
-    QTest::newRow("refused key") << "fatal" << "Transcripcion: API key o permisos no validos." << false;
+    QTest::newRow("refused key") << "fatal"
+                                 << "Transcripcion: API key o permisos no validos." << false;
 }
 
 void tst_TranslationPanel::statusReports()
@@ -407,7 +420,8 @@ void tst_TranslationPanel::statusReports()
         block.samples.assign(3200, 0.0f);
         window->translation.feed(block);
     } else {
-        window->translation.segments.push_back({0, translation_text::wavFile(std::vector<std::int16_t>(16000, 0))});
+        window->translation.segments.push_back(
+            {0, translation_text::wavFile(std::vector<std::int16_t>(16000, 0))});
         window->translation.pump();
         QTRY_VERIFY(!window->translation.running);
     }
@@ -438,13 +452,16 @@ void tst_TranslationPanel::keyTest_data()
     QTest::addColumn<QString>("shown"); // a pattern
 
     const QByteArray ok = R"({"output":[{"content":[{"type":"output_text","text":"OK"}]}]})";
-    const QString answered = QStringLiteral("^API OK: respondió en \\d+ ms\\. La traducción está lista para usarse\\.$");
+    const QString answered =
+        QStringLiteral("^API OK: respondió en \\d+ ms\\. La traducción está lista para usarse\\.$");
     QTest::newRow("typed key answered") << aiKey << "" << 200 << ok << answered;
     QTest::newRow("stored key answered") << "" << aiKey << 200 << ok << answered;
-    QTest::newRow("refused") << aiKey << "" << 401
-                             << QByteArray(R"({"error":{"message":"Incorrect API key provided.","code":"invalid_api_key"}})")
-                             << "^API con error HTTP 401: Incorrect API key provided\\.$";
-    QTest::newRow("no key") << "" << "" << 0 << QByteArray() << "^Ingresa tu API key$";
+    QTest::newRow("refused")
+        << aiKey << "" << 401
+        << QByteArray(R"({"error":{"message":"Incorrect API key provided.","code":"invalid_api_key"}})")
+        << "^API con error HTTP 401: Incorrect API key provided\\.$";
+    QTest::newRow("no key") << ""
+                            << "" << 0 << QByteArray() << "^Ingresa tu API key$";
 }
 
 void tst_TranslationPanel::keyTest()
@@ -477,9 +494,10 @@ void tst_TranslationPanel::keyTest()
     QCOMPARE(sent.headers.value("authorization"), "Bearer " + aiKey.toUtf8());
     QCOMPARE(sent.headers.value("content-type"), "application/json");
     QCOMPARE(readSecretFile(QStringLiteral("openai")), stored);
-    QCOMPARE(QJsonDocument::fromJson(sent.body).object(),
-             QJsonObject({{"model", "gpt-4.1-mini"}, {"input", "Responde solo: OK"}, {"max_output_tokens", 16},
-                          {"store", false}}));
+    QCOMPARE(QJsonDocument::fromJson(sent.body).object(), QJsonObject({{"model", "gpt-4.1-mini"},
+                                                                       {"input", "Responde solo: OK"},
+                                                                       {"max_output_tokens", 16},
+                                                                       {"store", false}}));
 }
 
 QTEST_MAIN(tst_TranslationPanel)
