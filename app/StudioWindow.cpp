@@ -42,11 +42,18 @@ StudioWindow::StudioWindow(bool smoke)
     buildMainRow(column);
     buildTakeRow(column);
     buildTabs(column);
+    bindTranslation();
 
     statusLabel = new QLabel(T("Elige cámara y audio, pulsa Conectar fuentes y luego AL AIRE."), central);
     statusLabel->setWordWrap(true);
     column->addWidget(statusLabel);
 
+    sourceLanguage = settings.value(QStringLiteral("source_language")).toString();
+    const QString aiKey = readSecretFile(QStringLiteral("openai"));
+    if (!aiKey.isEmpty()) {
+        aiKeyField->setText(aiKey);
+        keySaveCheck->setChecked(true);
+    }
     apiBibleKeyField->setText(readSecretFile(QStringLiteral("apibible")));
     refreshDevices();
     camera = std::make_shared<Media>(width, height, nullptr, std::string(), true, false);
@@ -63,6 +70,10 @@ StudioWindow::StudioWindow(bool smoke)
             [this](int index) { runGuarded([this, index] { formatChosen(index); }); });
     auto* space = new QShortcut(QKeySequence(Qt::Key_Space), this);
     connect(space, &QShortcut::activated, this, &StudioWindow::spacePressed);
+    auto* toSpanish = new QShortcut(QKeySequence(Qt::Key_F1), this);
+    connect(toSpanish, &QShortcut::activated, this, [this] { directionChosen(QStringLiteral("Spanish")); });
+    auto* toEnglish = new QShortcut(QKeySequence(Qt::Key_F2), this);
+    connect(toEnglish, &QShortcut::activated, this, [this] { directionChosen(QStringLiteral("English")); });
     connect(qApp, &QGuiApplication::screenRemoved, this, &StudioWindow::screenRemoved);
 
     tickTimer.setTimerType(Qt::PreciseTimer);
@@ -74,6 +85,7 @@ StudioWindow::StudioWindow(bool smoke)
 StudioWindow::~StudioWindow()
 {
     tickTimer.stop();
+    translation.stop();
     hallWindow->onHide = nullptr;
     hallWindow->hide();
     hallWindow.reset();
@@ -226,6 +238,7 @@ void StudioWindow::closeEvent(QCloseEvent* event)
         }
     }
     tickTimer.stop();
+    translation.stop();
     // The recording's end of stream is what makes the file playable: give it up to 5 s to write
     // its last part. Streams are simply stopped by the destructor.
     if (recording) {

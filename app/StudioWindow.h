@@ -8,6 +8,7 @@
 #include "FramePool.h"
 #include "GstPtr.h"
 #include "SceneDef.h"
+#include "Translation.h"
 
 #include <QMainWindow>
 #include <QPushButton>
@@ -102,6 +103,11 @@ public:
     void lookupVerse(int layerIndex, const QString& text);
     QString verseLanguage();
 
+    // Fits a finished phrase into the subtitle box with the phrases before it.
+    void addCaption(const QString& text);
+    // The text between phrases on the screens, from the setting "caption_separator".
+    QString captionSeparator() const;
+
     friend class tst_StudioWindow;
     friend class tst_Take;
     friend class tst_Outputs;
@@ -110,6 +116,8 @@ public:
     friend class tst_Project;
     friend class tst_Devices;
     friend class tst_VerseLookup;
+    friend class tst_TranslationPanel;
+    friend class tst_TranslationChain;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -143,6 +151,16 @@ private:
     void refreshLayerNames();
     void showQuickVerse();
     QWidget* buildTranslationTab();
+    QWidget* buildTranslationPanel();
+    void bindTranslation();
+    void translatePressed();
+    void startTranslation(const QString& key);
+    void stopTranslation();
+    void clearCaptions();
+    void directionChosen(const QString& target);
+    void testAiKey();
+    void storeAiKey(const QString& key);
+    CaptionView captionView() const;
     void listOnlineBibles();
     void hallScreensPressed();
     void screenRemoved();
@@ -213,6 +231,15 @@ private:
     QProgressBar* processedMeter = nullptr;
     QTabWidget* tabs = nullptr;
     QLabel* statusLabel = nullptr;
+    QLineEdit* aiKeyField = nullptr;
+    QComboBox* targetCombo = nullptr;
+    QCheckBox* showCaptionsCheck = nullptr;
+    QCheckBox* voiceCheck = nullptr;
+    QPushButton* translateButton = nullptr;
+    QLabel* aiStatusLabel = nullptr;
+    QLabel* heardLabel = nullptr;
+    QCheckBox* liveModeCheck = nullptr;
+    QComboBox* separatorCombo = nullptr;
 
     std::shared_ptr<Media> camera;
     int cameraIndex = -1;
@@ -227,6 +254,10 @@ private:
     tavrin::AudioState audioState;
     std::deque<float> programAudio;
     std::deque<float> voiceAudio;
+    QString captionText;
+    QStringList captions;
+    std::int64_t lastCaptionMs = 0;
+    Translation translation;
 
     QTimer tickTimer;
     std::int64_t epochUs = 0;
@@ -243,6 +274,7 @@ private:
     QString projectPath; // where the last project was saved or opened
     QSettings settings;
     bible::Api bibleApi;
+    QString sourceLanguage;
 };
 
 template <typename Handler> void StudioWindow::action(QPushButton* target, Handler handler)

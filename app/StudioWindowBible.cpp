@@ -36,8 +36,7 @@ QWidget* StudioWindow::buildTranslationTab()
 {
     auto* tab = new QWidget;
     auto* grid = new QGridLayout(tab);
-    keySaveCheck = new QCheckBox(T("Guardar en almacén seguro de este equipo"));
-    grid->addWidget(keySaveCheck, 0, 0, 1, 2);
+    grid->addWidget(buildTranslationPanel(), 0, 0, 1, 3);
 
     grid->addWidget(new QLabel(T("Biblia para versículos")), 1, 0);
     bibleCombo = new QComboBox;

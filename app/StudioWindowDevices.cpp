@@ -131,6 +131,7 @@ void StudioWindow::connectSources()
             if (programAudio.size() > programAudioFloats)
                 programAudio.erase(programAudio.begin(),
                                    programAudio.begin() + std::ptrdiff_t(programAudio.size() - programAudioFloats));
+            translation.feed(block);
         };
     }
     if (!cameraFailed)

@@ -9,6 +9,7 @@
 
 #include <QCheckBox>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QLineEdit>
 #include <QFileInfo>
@@ -19,6 +20,7 @@
 namespace {
 constexpr std::int64_t cameraReopenSpacingUs = 3000000;
 constexpr double fadeLengthUs = 400000.0;
+constexpr qint64 captionLifeMs = 40000;
 } // namespace
 
 void StudioWindow::tick()
@@ -45,7 +47,7 @@ void StudioWindow::tick()
 QImage StudioWindow::compose(SceneDef scene, const QString& title, bool band, int width, int height, bool hall,
                              bool preview)
 {
-    return compositor.compose(std::move(scene), title, band, width, height, hall, preview, CaptionView{},
+    return compositor.compose(std::move(scene), title, band, width, height, hall, preview, captionView(),
                               camera.get());
 }
 
@@ -114,6 +116,11 @@ void StudioWindow::frameStage(std::int64_t nowUs)
         logLine(QStringLiteral("Cámara: primer cuadro recibido. ") + QString::fromStdString(camera->diagnostics) +
                 QStringLiteral(" latest=%1x%2").arg(camera->latest.width).arg(camera->latest.height));
     }
+
+    // The last phrase leaves the screens after a while without a new one, also on air.
+    if (!captionText.isEmpty() && lastCaptionMs != 0 &&
+        QDateTime::currentMSecsSinceEpoch() - lastCaptionMs > captionLifeMs)
+        clearCaptions();
 
     const bool hallPreview = editTarget == 1;
     QImage preview = compose(scene(), overlayField->text(), bandCheck->isChecked(), hallPreview ? hallWidth : width,

@@ -264,6 +264,7 @@ std::span<const std::pair<const char*, const char*>> englishPairs()
         {"Probar API key ahora", "Test API key now"},
         {"Probando la API de OpenAI...", "Testing the OpenAI API..."},
         {"API OK: respondió en ", "API OK: replied in "},
+        {" ms. ", " ms. "},
         {"La traducción está lista para usarse.", "The translation is ready to use."},
         {"API con error HTTP ", "API error HTTP "},
         {"Al iniciar aceptas enviar la entrada seleccionada a OpenAI. Tiene costo de API.\nLa voz es sintética; no se reproduce en altavoces. Música y ruido afectan la calidad.", "By starting you agree to send the selected input to OpenAI. The API has a cost.\nThe voice is synthetic; it is not played on the speakers. Music and noise affect the quality."},

@@ -18,6 +18,7 @@ test_packages=(
   ffmpeg
   nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl
   pulseaudio pulseaudio-utils
+  espeak-ng sox
   gnome-keyring libsecret-tools dbus
   espeak-ng sox
 )

@@ -4,11 +4,11 @@
 #include "SecretStore.h"
 #include "StandInHttpServer.h"
 #include "StudioWindow.h"
+#include "TestHome.h"
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -497,19 +497,9 @@ void tst_VerseLookup::listing()
     QCOMPARE(QSettings().value(QStringLiteral("apibible_name")).toString(), names[2]);
 }
 
-// Settings, secrets and the log stay in the test's own folders, also when it is run by hand, and
-// the secret store never reaches the user's keyring.
 int main(int argc, char** argv)
 {
-    const QByteArray home = VELMORA_TEST_OUTPUT "/home";
-    QDir().mkpath(QString::fromUtf8(home));
-    qputenv("HOME", home);
-    qputenv("XDG_CONFIG_HOME", home + "/config");
-    qputenv("XDG_DATA_HOME", home + "/data");
-    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home + "/no-bus");
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-
+    useTestHome(VELMORA_TEST_OUTPUT "/home");
     QApplication application(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));

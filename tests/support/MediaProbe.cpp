@@ -1,6 +1,7 @@
 #include "MediaProbe.h"
 
 #include <QProcess>
+#include <QRegularExpression>
 
 QString runTool(const QString& program, const QStringList& arguments, int* exitCode)
 {
@@ -56,4 +57,15 @@ QString playThrough(const QString& file)
                                            QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")},
                 &exitCode);
     return exitCode == 0 ? complaints : QStringLiteral("exit %1: %2").arg(exitCode).arg(complaints);
+}
+
+double meanVolumeDb(const QString& file)
+{
+    const QString report = runTool(QStringLiteral("ffmpeg"),
+                                   {QStringLiteral("-nostats"), QStringLiteral("-i"), file, QStringLiteral("-map"),
+                                    QStringLiteral("0:a"), QStringLiteral("-af"), QStringLiteral("volumedetect"),
+                                    QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
+    const QRegularExpressionMatch mean =
+        QRegularExpression(QStringLiteral("mean_volume: (-?[0-9.]+) dB")).match(report);
+    return mean.hasMatch() ? mean.captured(1).toDouble() : -1000.0;
 }

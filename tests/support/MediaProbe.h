@@ -22,3 +22,7 @@ double probeDuration(const QString& file);
 
 // Decodes the whole file; empty when it plays to the end without a complaint.
 QString playThrough(const QString& file);
+
+// The mean loudness of the file's audio in dB below full scale, as ffmpeg's volumedetect reads it;
+// -1000 when it can't be read.
+double meanVolumeDb(const QString& file);
