@@ -10,7 +10,7 @@
 #   rtmp://HOST[:PORT]/APP/KEY or rtmps://…  any other platform: its whole address, key last
 #
 # Environment: RELAY_PORT (1935) where the studio connects; RELAY_LEG_PORT (19350) the first of the
-# loopback ports of the RTMPS legs, one a platform; RELAY_FOLDER (~/.velmora-relay) where the
+# four loopback ports the RTMPS legs may take; RELAY_FOLDER (~/.velmora-relay) where the
 # configuration and nginx's log are written; RELAY_CA_FILE (/etc/ssl/certs/ca-certificates.crt) the
 # authorities RTMPS platforms are checked against.
 #
@@ -49,8 +49,9 @@ while IFS=$' \t\r' read -r first second extra || [ -n "$first" ]; do
   [ -z "${extra:-}" ] || fail "line $line: one address, or a name and a key, a line"
   case ${first,,} in
     relay)
-      [[ ${second:-} =~ $key_pattern ]] && [ ${#second} -ge 12 ] ||
+      if ! [[ ${second:-} =~ $key_pattern ]] || [ ${#second} -lt 12 ]; then
         fail "line $line: the relay key needs at least 12 letters, digits or . _ ~ = & % + -"
+      fi
       relay_key=$second
       continue
       ;;
