@@ -49,7 +49,8 @@ void tst_Relay::fanOut()
 {
     QFETCH(bool, relayKey);
     QFETCH(bool, trusted);
-    const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/") + QString::fromUtf8(QTest::currentDataTag());
+    const QString folder =
+        QStringLiteral(VELMORA_TEST_OUTPUT "/") + QString::fromUtf8(QTest::currentDataTag());
     QDir(folder).removeRecursively();
     RtmpServer plain(folder + QStringLiteral("/plain"));
     RtmpServer secure(folder + QStringLiteral("/secure"), true);
@@ -62,9 +63,10 @@ void tst_Relay::fanOut()
     const QString secureKey = QStringLiteral("secure-platform-key");
     QFile destinations(folder + QStringLiteral("/destinations.txt"));
     QVERIFY(destinations.open(QIODevice::WriteOnly));
-    destinations.write(QStringLiteral("relay %1\n%2\n%3\n")
-                           .arg(churchKey, plain.url(plainKey), secure.tlsUrl(secureKey, QStringLiteral("localhost")))
-                           .toUtf8());
+    destinations.write(
+        QStringLiteral("relay %1\n%2\n%3\n")
+            .arg(churchKey, plain.url(plainKey), secure.tlsUrl(secureKey, QStringLiteral("localhost")))
+            .toUtf8());
     destinations.close();
 
     const quint16 relayPort = RtmpServer::freePort();
@@ -109,7 +111,8 @@ void tst_Relay::fanOut()
                                   (!plainReached || QFileInfo(plain.recording(plainKey)).size() > 0) &&
                                   (!secureReached || QFileInfo(secure.recording(secureKey)).size() > 0) &&
                                   (trusted || relayLogSays("upstream SSL certificate verify error")),
-                              qPrintable(row.status->text() + QLatin1Char(' ') + plain.log() + secure.log()), 30000);
+                              qPrintable(row.status->text() + QLatin1Char(' ') + plain.log() + secure.log()),
+                              30000);
     // Both legs held until now, and the studio's stop ends them both.
     QVERIFY(!plain.publishEnded(plainKey) && !secure.publishEnded(secureKey));
     const std::uint64_t pushed = row.output->videoFrames;
@@ -130,8 +133,8 @@ void tst_Relay::fanOut()
                            streams.value(QStringLiteral("aac")).frames > 0;
         return whole ? QString() : file + QStringLiteral(": ") + describeStreams(streams);
     };
-    for (const QString& failure :
-         {unlike(plain.recording(plainKey), plainReached), unlike(secure.recording(secureKey), secureReached)})
+    for (const QString& failure : {unlike(plain.recording(plainKey), plainReached),
+                                   unlike(secure.recording(secureKey), secureReached)})
         QVERIFY2(failure.isEmpty(), qPrintable(failure));
     // What the script printed names no key.
     const QByteArray printed = relay.readAll();
