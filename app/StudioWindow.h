@@ -111,6 +111,7 @@ public:
     friend class tst_StudioWindow;
     friend class tst_Take;
     friend class tst_Outputs;
+    friend class tst_Relay;
     friend class tst_SceneTab;
     friend class tst_HallScreens;
     friend class tst_Project;

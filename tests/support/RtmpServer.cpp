@@ -103,6 +103,11 @@ QString RtmpServer::recording(const QString& key) const
     return dir + QLatin1Char('/') + key + QStringLiteral(".flv");
 }
 
+bool RtmpServer::publishEnded(const QString& key) const
+{
+    return QFileInfo::exists(dir + QLatin1Char('/') + key + QStringLiteral(".ended"));
+}
+
 QString RtmpServer::caCertificate() const
 {
     return dir + QStringLiteral("/test-ca.crt");
@@ -222,15 +227,17 @@ bool RtmpServer::writeConfig(const QString& rtmpModule, const QString& streamMod
                        "error_log %2;\n"
                        "events { worker_connections 64; }\n")
             .arg(quoted(dir + QStringLiteral("/nginx.pid")), quoted(dir + QStringLiteral("/error.log")));
-    config +=
-        QStringLiteral("rtmp {\n"
-                       "  server {\n"
-                       "    listen 127.0.0.1:%1;\n"
-                       "    application app { live on; record all; record_path %2; record_unique off; }\n"
-                       "  }\n"
-                       "}\n")
-            .arg(rtmpPort)
-            .arg(quoted(dir));
+    config += QStringLiteral("rtmp {\n"
+                             "  server {\n"
+                             "    listen 127.0.0.1:%1;\n"
+                             "    application app {\n"
+                             "      live on; record all; record_path %2; record_unique off;\n"
+                             "      exec_publish_done /usr/bin/touch %3;\n"
+                             "    }\n"
+                             "  }\n"
+                             "}\n")
+                  .arg(rtmpPort)
+                  .arg(quoted(dir), quoted(dir + QStringLiteral("/$name.ended")));
     if (tls) {
         config +=
             QStringLiteral("stream {\n"

@@ -33,6 +33,8 @@ public:
     QString tlsUrl(const QString& key, const QString& host = QStringLiteral("127.0.0.1")) const;
     // Where nginx records the stream published under `key`.
     QString recording(const QString& key) const;
+    // Whether a publisher of `key` has come and gone, as nginx saw it.
+    bool publishEnded(const QString& key) const;
     QString caCertificate() const;
     QString folder() const { return dir; }
     // nginx's own error log, for failure messages.
