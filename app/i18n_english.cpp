@@ -294,6 +294,7 @@ std::span<const std::pair<const char*, const char*>> englishPairs()
         {"Conexión en vivo falló: ", "Live connection failed: "},
         {"Conexión en vivo perdida.", "Live connection lost."},
         {"Conexión en vivo cerrada por el servidor.", "Live connection closed by the server."},
+        {"Conexión en vivo cerrada: mensaje demasiado grande.", "Live connection closed: message too large."},
         {"Modo en vivo rechazado: ", "Live mode refused: "},
         {"Modo en vivo activo (texto mientras se habla).", "Live mode on (text while speaking)."},
         {"Modo en vivo activo (por turnos).", "Live mode on (by turns)."},

@@ -54,6 +54,14 @@ LiveTranscriber::LiveTranscriber(QObject* parent) : QObject(parent)
     });
 }
 
+// The socket is destroyed after the members its handlers read, and closing it signals: it is cut
+// off from them first.
+LiveTranscriber::~LiveTranscriber()
+{
+    QObject::disconnect(&socket, nullptr, this, nullptr);
+    socket.abort();
+}
+
 void LiveTranscriber::start(const QString& sessionKey, const QString& sourceLanguage,
                             const QString& transcriptionPrompt)
 {
@@ -92,6 +100,8 @@ void LiveTranscriber::tearDown()
     upgraded = false;
     ready = false;
     socket.abort();
+    inbox.clear();
+    fragments.clear();
     if (wasUp)
         unavailable();
 }

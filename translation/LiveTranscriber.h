@@ -26,6 +26,7 @@ public:
     static constexpr qsizetype maxHeaderBytes = 16 * 1024;
 
     explicit LiveTranscriber(QObject* parent = nullptr);
+    ~LiveTranscriber() override;
 
     std::function<void(const QString&)> status = [](const QString&) {};
     std::function<void(const QString&)> partial = [](const QString&) {};

@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSslKey>
+#include <QScopeGuard>
 #include <QSslServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -246,7 +247,7 @@ void tst_LiveTranscriber::sessionUpdate()
     QCOMPARE(update.value("session").toObject().value("type").toString(), QStringLiteral("transcription"));
     QCOMPARE(compact(update.value("session").toObject().value("audio").toObject().value("input").toObject()), expected);
 
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("session.updated")));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
     QTRY_VERIFY(link.live.ready);
     QCOMPARE(link.statuses.last(), model == "gpt-4o-transcribe" ? QStringLiteral("Modo en vivo activo (por turnos).")
                                                                  : QStringLiteral("Modo en vivo activo (texto mientras se habla)."));
@@ -258,22 +259,24 @@ void tst_LiveTranscriber::sendsEveryLengthForm()
     Link link(peer.server.serverPort());
     link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
     QTRY_COMPARE(peer.received.size(), 1);
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("session.updated")));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
     QTRY_VERIFY(link.live.ready);
     // 100 ms of audio, then 2 s in one block: the two-byte and the eight-byte length forms; the
     // commit at the end of the turn is the one-byte form. Qt's server unmasks and checks all three.
     link.feed(blocksOf(0.1, 0.3, 4800));
     link.feed(blocksOf(2.0, 0.3, 96000));
     link.feed(blocksOf(0.6, 0.0));
-    QTRY_COMPARE(peer.types().last(), QStringLiteral("input_audio_buffer.commit"));
-    QVERIFY(peer.receivedSizes.last() < 126);
+    QTRY_VERIFY(peer.types().contains(QStringLiteral("input_audio_buffer.commit")));
+    QVERIFY(peer.receivedSizes[peer.types().indexOf(QStringLiteral("input_audio_buffer.commit"))] < 126);
     QCOMPARE(QByteArray::fromBase64(peer.received[1].value("audio").toString().toLatin1()).size(), 4800);
     QCOMPARE(QByteArray::fromBase64(peer.received[2].value("audio").toString().toLatin1()).size(), 96000);
     QVERIFY(peer.receivedSizes[2] > 65535);
-    // The automatic gain lifts a quiet voice towards half of full scale, slowly.
+    // The automatic gain has brought the tone of 0.3 to half of full scale by the end of the 2 s.
     const QByteArray samples = QByteArray::fromBase64(peer.received[2].value("audio").toString().toLatin1());
-    QVERIFY(std::abs(qint16(quint8(samples[95998]) | (quint8(samples[95999]) << 8))) <= 32767);
-    QVERIFY(link.live.gain > 1.0 && link.live.gain < 2.0);
+    int loudest = 0;
+    for (qsizetype i = samples.size() - 4800; i < samples.size(); i += 2)
+        loudest = std::max(loudest, std::abs(int(qint16(quint8(samples[i]) | (quint8(samples[i + 1]) << 8)))));
+    QVERIFY2(loudest > 15500 && loudest < 17000, qPrintable(QString::number(loudest)));
 }
 
 void tst_LiveTranscriber::serviceEvents()
@@ -284,33 +287,33 @@ void tst_LiveTranscriber::serviceEvents()
     QTRY_VERIFY(peer.socket);
     QTRY_COMPARE(peer.received.size(), 1);
     // A model the service does not offer: the same connection is configured again by turns.
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("error", {{"error", QJsonObject{{"message", "no such model"}}}})));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("error", {{"error", QJsonObject{{"message", "no such model"}}}})));
     QTRY_COMPARE(peer.received.size(), 2);
     QCOMPARE(link.statuses.last(), QStringLiteral("Modelo en vivo no disponible (no such model); se intenta por turnos."));
     QCOMPARE(link.live.turnMode, 1);
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("transcription_session.updated")));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("transcription_session.updated")));
     QTRY_VERIFY(link.live.ready);
 
     peer.socket->setOutgoingFrameSize(8); // one message in many fragments
-    peer.socket->sendTextMessage(QString::fromLatin1(
+    peer.socket->sendTextMessage(QString::fromUtf8(
         typed("conversation.item.input_audio_transcription.delta", {{"delta", "Hermanos, "}})));
-    peer.socket->sendTextMessage(QString::fromLatin1(
-        typed("conversation.item.input_audio_transcription.delta", {{"delta", "buenos días"}})));
-    peer.socket->sendTextMessage(QString::fromLatin1(
-        typed("conversation.item.input_audio_transcription.completed", {{"transcript", " Hermanos, buenos días. "}})));
+    peer.socket->sendTextMessage(QString::fromUtf8(
+        typed("conversation.item.input_audio_transcription.delta", {{"delta", QStringLiteral("buenos días")}})));
+    peer.socket->sendTextMessage(QString::fromUtf8(
+        typed("conversation.item.input_audio_transcription.completed", {{"transcript", QStringLiteral(" Hermanos, buenos días. ")}})));
     QTRY_COMPARE(link.turns, QStringList{QStringLiteral("Hermanos, buenos días.")});
     QCOMPARE(link.partials, QStringList({QStringLiteral("Hermanos, "), QStringLiteral("Hermanos, buenos días")}));
     QVERIFY(link.live.partialText.isEmpty());
 
     peer.socket->ping(QByteArray(125, 'p'));
     QTRY_COMPARE(peer.lastPong, QByteArray(125, 'p'));
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("error", {{"error", QJsonObject{{"message", "rate"}}}})));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("error", {{"error", QJsonObject{{"message", "rate"}}}})));
     QTRY_COMPARE(link.statuses.last(), QStringLiteral("Error en vivo: rate"));
     QVERIFY(link.live.ready);
 
     peer.socket->abort();
     QTRY_COMPARE(link.unavailable, 1);
-    QCOMPARE(link.statuses.last(), QStringLiteral("Conexión en vivo perdida."));
+    QVERIFY(link.statuses.last().startsWith(QStringLiteral("Conexión en vivo ")));
     QVERIFY(!link.live.ready);
 }
 
@@ -357,7 +360,7 @@ void tst_LiveTranscriber::bytesFromTheNetwork_data()
                                      << -1 << true;
     QTest::newRow("header that never ends") << QByteArray(LiveTranscriber::maxHeaderBytes + 1, 'h') << 0 << false
                                             << "Modo en vivo rechazado: " + QString(120, u'h') << -1 << true;
-    QTest::newRow("garbage after the upgrade") << upgrade + QByteArray::fromHex("8f00ffff0000fe7f8181") << 0 << false
+    QTest::newRow("unknown opcodes after the upgrade") << upgrade + QByteArray::fromHex("8f0082030102038b7e0002abcd") << 0 << false
                                                << "" << -1 << false;
 }
 
@@ -392,10 +395,13 @@ void tst_LiveTranscriber::bytesFromTheNetwork()
     QCOMPARE(link.unavailable, unavailable ? 1 : 0);
     QVERIFY(link.live.inbox.size() <= LiveTranscriber::maxHeaderBytes);
     if (pongLengthByte >= 0) {
-        // After the session update, the pong, masked, with the length form its size calls for.
-        QTRY_VERIFY(peer.fromClient.indexOf("\x8a") >= 0);
-        const qsizetype at = peer.fromClient.lastIndexOf(char(0x8a));
-        QCOMPARE(quint8(peer.fromClient[at + 1]), quint8(pongLengthByte));
+        // After the session update comes the pong, masked, with the length form its size calls for.
+        const QByteArray& sent = peer.fromClient;
+        const int form = quint8(sent[1]) & 0x7f;
+        const qsizetype update = (form == 126 ? 4 + ((quint8(sent[2]) << 8) | quint8(sent[3])) : 2 + form) + 4;
+        QTRY_VERIFY(sent.size() > update + 1);
+        QCOMPARE(quint8(sent[update]), quint8(0x8a));
+        QCOMPARE(quint8(sent[update + 1]), quint8(pongLengthByte));
     }
 }
 
@@ -405,11 +411,12 @@ void tst_LiveTranscriber::turnDecisions_data()
     QTest::addColumn<QList<QPointF>>("audio");
     QTest::addColumn<int>("commits");
     QTest::addColumn<int>("samplesSinceCommit");
-    QTest::newRow("a phrase and a pause") << QList<QPointF>{{1.0, 0.3}, {0.5, 0.0}} << 1 << 0;
+    // Counts are checked at the 20 ms blocks the tick hands over.
+    QTest::newRow("a phrase and a pause") << QList<QPointF>{{1.0, 0.3}, {0.5, 0.0}} << 1 << 960;
     QTest::newRow("three seconds of silence") << QList<QPointF>{{3.01, 0.0}} << 0 << 240;
     // Too little voice for a pause: the seven-second limit drops the count, and the audio stays
     // with the service for the next commit.
-    QTest::newRow("a cough, then quiet") << QList<QPointF>{{0.3, 0.3}, {6.8, 0.0}} << 0 << 0;
+    QTest::newRow("a cough, then quiet") << QList<QPointF>{{0.3, 0.3}, {6.8, 0.0}} << 0 << 2400;
 }
 
 void tst_LiveTranscriber::turnDecisions()
@@ -421,7 +428,7 @@ void tst_LiveTranscriber::turnDecisions()
     Link link(peer.server.serverPort());
     link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
     QTRY_COMPARE(peer.received.size(), 1);
-    peer.socket->sendTextMessage(QString::fromLatin1(typed("session.updated")));
+    peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
     QTRY_VERIFY(link.live.ready);
     for (const QPointF& piece : audio)
         link.feed(blocksOf(piece.x(), piece.y()));
@@ -461,17 +468,20 @@ asyncio.run(main())
 )");
     file.close();
     QProcess python;
+    const auto stopPython = qScopeGuard([&python] {
+        python.kill();
+        python.waitForFinished();
+    });
     python.start(QStringLiteral("/usr/bin/python3"), {script, certificateDir.filePath(QStringLiteral("c.pem")),
                                                        certificateDir.filePath(QStringLiteral("k.pem"))});
     QVERIFY(python.waitForReadyRead(10000));
     Link link(quint16(python.readLine().trimmed().toInt()));
     link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
     QTRY_VERIFY(link.live.ready);
+    // The pause ends the turn 0.45 s into the quiet: all of 1.46 s went out before the commit.
     link.feed(blocksOf(1.0, 0.3));
-    link.feed(blocksOf(0.5, 0.0));
-    QTRY_COMPARE(link.turns, QStringList{QStringLiteral("bytes=%1").arg(int(1.5 * 24000 * 2))});
-    python.kill();
-    python.waitForFinished();
+    link.feed(blocksOf(0.46, 0.0));
+    QTRY_COMPARE(link.turns, QStringList{QStringLiteral("bytes=%1").arg(int(1.46 * 24000 * 2))});
 }
 
 void tst_LiveTranscriber::speechThroughTheLiveRoute()
@@ -484,7 +494,7 @@ void tst_LiveTranscriber::speechThroughTheLiveRoute()
     QCOMPARE(QProcess::execute(QStringLiteral("espeak-ng"),
                                {QStringLiteral("-m"), QStringLiteral("-v"), QStringLiteral("es"), QStringLiteral("-w"), wav,
                                 QStringLiteral("<speak>Hermanos, buenos días a todos. <break time=\"900ms\"/> Abramos la "
-                                               "Biblia en Juan. <break time=\"900ms\"/> Dios es amor.</speak>")}),
+                                               "Biblia en Juan. <break time=\"900ms\"/> Dios es amor y nos cuida siempre.</speak>")}),
              0);
     QCOMPARE(QProcess::execute(QStringLiteral("sox"), {QStringLiteral("-v"), QStringLiteral("0.5"), wav, QStringLiteral("-r"),
                                                        QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"),
@@ -513,12 +523,12 @@ void tst_LiveTranscriber::speechThroughTheLiveRoute()
     peer.onMessage = [&peer, &turnNumber](const QJsonObject& message) {
         const QString type = message.value("type").toString();
         if (type == QLatin1String("session.update"))
-            peer.socket->sendTextMessage(QString::fromLatin1(typed("session.updated")));
+            peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
         else if (type == QLatin1String("input_audio_buffer.append"))
             peer.socket->sendTextMessage(
-                QString::fromLatin1(typed("conversation.item.input_audio_transcription.delta", {{"delta", "pa "}})));
+                QString::fromUtf8(typed("conversation.item.input_audio_transcription.delta", {{"delta", "pa "}})));
         else if (type == QLatin1String("input_audio_buffer.commit"))
-            peer.socket->sendTextMessage(QString::fromLatin1(typed(
+            peer.socket->sendTextMessage(QString::fromUtf8(typed(
                 "conversation.item.input_audio_transcription.completed", {{"transcript", QStringLiteral("Turno %1").arg(++turnNumber)}})));
     };
     Translation engine(service.endpoint());
@@ -536,7 +546,7 @@ void tst_LiveTranscriber::speechThroughTheLiveRoute()
         block.samples.assign(speech.begin() + std::ptrdiff_t(at),
                              speech.begin() + std::ptrdiff_t(std::min(speech.size(), at + 3200)));
         engine.feed(block);
-        QTest::qWait(1); // the link's replies arrive while the sermon goes on
+        QCoreApplication::processEvents(); // the link's replies arrive while the sermon goes on
     }
     for (const tavrin::AudioBlock& block : blocksOf(1.0, 0.0, 1600))
         engine.feed(block);
@@ -546,9 +556,9 @@ void tst_LiveTranscriber::speechThroughTheLiveRoute()
 
     peer.socket->abort();
     QTRY_VERIFY(!engine.live.ready);
-    QCOMPARE(statuses.mid(statuses.size() - 2),
-             QStringList({QStringLiteral("Conexión en vivo perdida."),
-                          QStringLiteral("Modo en vivo no disponible; se usa modo por trozos.")}));
+    // The socket reports the loss as an error or as a disconnection, whichever it sees first.
+    QVERIFY(statuses.value(statuses.size() - 2).startsWith(QStringLiteral("Conexión en vivo ")));
+    QCOMPARE(statuses.last(), QStringLiteral("Modo en vivo no disponible; se usa modo por trozos."));
     for (std::size_t at = 0; at < speech.size(); at += 3200) {
         tavrin::AudioBlock block;
         block.samples.assign(speech.begin() + std::ptrdiff_t(at),
