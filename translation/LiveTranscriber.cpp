@@ -235,7 +235,8 @@ bool LiveTranscriber::parseFrame()
             length = (length << 8) | quint8(inbox[i]);
         header = 10;
     }
-    if (length + quint64(fragments.size()) > quint64(maxMessageBytes)) {
+    // Compared one by one: a length near 2^64 would wrap around in the sum.
+    if (length > quint64(maxMessageBytes) || length + quint64(fragments.size()) > quint64(maxMessageBytes)) {
         status(T("Conexión en vivo cerrada: mensaje demasiado grande."));
         tearDown();
         return false;

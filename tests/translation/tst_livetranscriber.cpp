@@ -352,6 +352,9 @@ void tst_LiveTranscriber::bytesFromTheNetwork_data()
                                  << "Conexión en vivo cerrada por el servidor." << -1 << true;
     QTest::newRow("a frame of 2^63 bytes announced") << upgrade + frame(0x81, "x", 1ull << 63) << 0 << false
                                                      << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
+    QTest::newRow("a length that wraps around with the fragments")
+        << upgrade + frame(0x01, "ab") + frame(0x80, "x", ~0ull - 1) << 0 << false
+        << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
     QTest::newRow("fragments past the bound")
         << upgrade + frame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a')) + frame(0x80, QByteArray(20, 'b'))
         << 0 << false << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
