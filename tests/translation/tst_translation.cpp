@@ -210,6 +210,8 @@ private Q_SLOTS:
     void threeHourLimit();
     void captionFit_data();
     void captionFit();
+    void speechSamples_data();
+    void speechSamples();
 };
 
 void tst_Translation::textForms_data()
@@ -690,6 +692,23 @@ void tst_Translation::captionFit()
     const Layer* layer = captions::visibleSubtitle(scene);
     QCOMPARE(layer, &scene.layers[1]);
     QCOMPARE(captions::fit(before, added, captions::separatorFor(1), captions::boxFor(layer, 1920, 1080)), after);
+}
+
+void tst_Translation::speechSamples_data()
+{
+    QTest::addColumn<QByteArray>("speech");
+    QTest::addColumn<QList<float>>("mixed");
+    QTest::newRow("low byte first, each sample four times") << QByteArray("\x00\x40", 2) << QList<float>(4, 0.5f);
+    QTest::newRow("a last odd byte is ignored") << QByteArray("\x00\x80\x7f", 3) << QList<float>(4, -1.0f);
+    QTest::newRow("nothing") << QByteArray("\x01", 1) << QList<float>();
+}
+
+void tst_Translation::speechSamples()
+{
+    QFETCH(QByteArray, speech);
+    QFETCH(QList<float>, mixed);
+    const std::vector<float> samples = captions::speechToStereo(speech);
+    QCOMPARE(QList<float>(samples.begin(), samples.end()), mixed);
 }
 
 QTEST_MAIN(tst_Translation)

@@ -6,7 +6,7 @@
 // It checks that every number is delivered, passed empty or skipped, in order; that memory stays
 // flat; and that the three-hour limit ends the session with its message. Last line:
 //   captions_soak hours=<h> numbers=<n> delivered=<n> skipped=<n> passed_empty=<n> in_order=<yes|no>
-//     rss_start_kb=<kb> rss_end_kb=<kb> limit=<reached|missed>
+//     all_accounted=<yes|no>//     rss_start_kb=<kb at 10 min> rss_hourly_kb=<kb,…> rss_end_kb=<kb> limit=<reached|missed>
 // Usage: velmora-captions-soak [--minutes M]   (simulated minutes before the limit, default 180)
 #include "StandInHttpServer.h"
 #include "Translation.h"
@@ -176,10 +176,13 @@ int main(int argc, char** argv)
     };
 
     const double speechMs = double(minutes) * 60000.0 - 60000.0;
+    QStringList hourly;
     while (blockClock < speechMs) {
         step(true);
         if (rssStart == 0 && blockClock > 600000.0)
             rssStart = residentKb();
+        if (blockClock >= 3600000.0 * double(hourly.size() + 1))
+            hourly << QString::number(residentKb());
     }
     // Half a minute of quiet lets every number in flight come back, be delivered or be skipped.
     while (blockClock < speechMs + 30000.0)
@@ -192,9 +195,9 @@ int main(int argc, char** argv)
 
     const bool limitReached = !engine.running && limitReported;
     std::printf("captions_soak hours=%.2f numbers=%d delivered=%d skipped=%d passed_empty=%d in_order=%s "
-                "all_accounted=%s rss_start_kb=%ld rss_end_kb=%ld limit=%s\n",
+                "all_accounted=%s rss_start_kb=%ld rss_hourly_kb=%s rss_end_kb=%ld limit=%s\n",
                 double(clockMs - startMs) / 3600000.0, numbers, delivered, skipped, numbers - delivered - skipped,
-                inOrder ? "yes" : "no", allAccounted ? "yes" : "no", rssStart, rssEnd,
+                inOrder ? "yes" : "no", allAccounted ? "yes" : "no", rssStart, qPrintable(hourly.join(u',')), rssEnd,
                 limitReached ? "reached" : "missed");
     return inOrder && allAccounted && (limitReached || minutes < 180) ? 0 : 1;
 }
