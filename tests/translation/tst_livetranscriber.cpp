@@ -9,6 +9,7 @@
 #include <QSslKey>
 #include <QScopeGuard>
 #include <QSslServer>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QWebSocket>
@@ -174,6 +175,7 @@ private Q_SLOTS:
     void sessionUpdate_data();
     void sessionUpdate();
     void sendsEveryLengthForm();
+    void refusedConnection();
     void serviceEvents();
     void bytesFromTheNetwork_data();
     void bytesFromTheNetwork();
@@ -213,9 +215,9 @@ void tst_LiveTranscriber::sessionUpdate_data()
         << QByteArray(R"({"format":{"rate":24000,"type":"audio/pcm"},"noise_reduction":{"type":"near_field"},)"
                       R"("transcription":{"delay":"low","language":"es","languages":["es"],)"
                       R"("model":"gpt-live-transcribe","prompt":"Sermón cristiano en una iglesia."},"turn_detection":null})");
-    QTest::newRow("delay from the environment, no language")
+    QTest::newRow("delay and noise reduction from the environment, no language")
         << QByteArray("gpt-live-transcribe") << QByteArray("high") << ""
-        << QByteArray(R"({"format":{"rate":24000,"type":"audio/pcm"},"noise_reduction":{"type":"near_field"},)"
+        << QByteArray(R"({"format":{"rate":24000,"type":"audio/pcm"},"noise_reduction":{"type":"far_field"},)"
                       R"("transcription":{"delay":"high","model":"gpt-live-transcribe","prompt":"Sermón cristiano en una iglesia."},)"
                       R"("turn_detection":null})");
     QTest::newRow("by turns")
@@ -233,12 +235,14 @@ void tst_LiveTranscriber::sessionUpdate()
     QFETCH(QByteArray, expected);
     qputenv("VELMORA_LIVE_MODEL", model);
     qputenv("VELMORA_LIVE_DELAY", delay);
+    qputenv("VELMORA_LIVE_NR", delay.isEmpty() ? QByteArray() : QByteArray("far_field"));
     QtPeer peer;
     Link link(peer.server.serverPort());
     link.live.start(apiKey, language, QStringLiteral("Sermón cristiano en una iglesia."));
     QTRY_COMPARE(peer.received.size(), 1);
     qunsetenv("VELMORA_LIVE_MODEL");
     qunsetenv("VELMORA_LIVE_DELAY");
+    qunsetenv("VELMORA_LIVE_NR");
     QCOMPARE(peer.socket->requestUrl().path(), QStringLiteral("/v1/realtime"));
     QCOMPARE(peer.socket->requestUrl().query(), QStringLiteral("intent=transcription"));
     QCOMPARE(peer.socket->request().rawHeader("Authorization"), "Bearer " + apiKey.toUtf8());
@@ -277,6 +281,24 @@ void tst_LiveTranscriber::sendsEveryLengthForm()
     for (qsizetype i = samples.size() - 4800; i < samples.size(); i += 2)
         loudest = std::max(loudest, std::abs(int(qint16(quint8(samples[i]) | (quint8(samples[i + 1]) << 8)))));
     QVERIFY2(loudest > 15500 && loudest < 17000, qPrintable(QString::number(loudest)));
+}
+
+void tst_LiveTranscriber::refusedConnection()
+{
+    // A link that never came up has nothing to hand over: the operator is told, the chunked
+    // route simply goes on.
+    quint16 port = 0;
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        port = probe.serverPort();
+    }
+    Link link(port);
+    link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
+    QTRY_COMPARE(link.statuses.size(), 1);
+    QVERIFY(link.statuses.first().startsWith(QStringLiteral("Conexión en vivo falló: ")));
+    QCOMPARE(link.unavailable, 0);
+    QVERIFY(!link.live.ready);
 }
 
 void tst_LiveTranscriber::serviceEvents()
