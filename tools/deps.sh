@@ -18,9 +18,9 @@ test_packages=(
   ffmpeg
   nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl
   pulseaudio pulseaudio-utils
-  espeak-ng sox
   gnome-keyring libsecret-tools dbus
   espeak-ng sox
+  qt6-websockets-dev python3-websockets
 )
 
 wanted=("${studio_packages[@]}")
