@@ -1,4 +1,5 @@
 #include "LiveTranscriber.h"
+#include "SpokenAudio.h"
 #include "StandInHttpServer.h"
 #include "Translation.h"
 
@@ -103,6 +104,15 @@ struct Link
         live.partial = [this](const QString& text) { partials << text; };
         live.turn = [this](const QString& text, qint64) { turns << text; };
         live.unavailable = [this] { ++unavailable; };
+    }
+    // Opens the link to `peer` and has the peer confirm the session.
+    template <typename Peer> bool configuredBy(Peer& peer)
+    {
+        live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
+        if (!QTest::qWaitFor([&peer] { return peer.received.size() == 1; }))
+            return false;
+        peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
+        return QTest::qWaitFor([this] { return live.ready; });
     }
     void feed(const std::vector<tavrin::AudioBlock>& blocks)
     {
@@ -261,10 +271,7 @@ void tst_LiveTranscriber::sendsEveryLengthForm()
 {
     QtPeer peer;
     Link link(peer.server.serverPort());
-    link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
-    QTRY_COMPARE(peer.received.size(), 1);
-    peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
-    QTRY_VERIFY(link.live.ready);
+    QVERIFY(link.configuredBy(peer));
     // 100 ms of audio, then 2 s in one block: the two-byte and the eight-byte length forms; the
     // commit at the end of the turn is the one-byte form. Qt's server unmasks and checks all three.
     link.feed(blocksOf(0.1, 0.3, 4800));
@@ -451,10 +458,7 @@ void tst_LiveTranscriber::turnDecisions()
     QFETCH(int, samplesSinceCommit);
     QtPeer peer;
     Link link(peer.server.serverPort());
-    link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
-    QTRY_COMPARE(peer.received.size(), 1);
-    peer.socket->sendTextMessage(QString::fromUtf8(typed("session.updated")));
-    QTRY_VERIFY(link.live.ready);
+    QVERIFY(link.configuredBy(peer));
     for (const QPointF& piece : audio)
         link.feed(blocksOf(piece.x(), piece.y()));
     link.live.sendJson({{"type", "marker"}});
@@ -513,25 +517,10 @@ void tst_LiveTranscriber::speechThroughTheLiveRoute()
 {
     // Speech by espeak-ng through the engine: the link turns it into partial texts for the Heard
     // line and finished turns for the captions; when the service goes away, phrases are cut locally.
-    QTemporaryDir dir;
-    const QString wav = dir.filePath(QStringLiteral("s.wav"));
-    const QString raw = dir.filePath(QStringLiteral("s.f32"));
-    QCOMPARE(QProcess::execute(QStringLiteral("espeak-ng"),
-                               {QStringLiteral("-m"), QStringLiteral("-v"), QStringLiteral("es"), QStringLiteral("-w"), wav,
-                                QStringLiteral("<speak>Hermanos, buenos días a todos. <break time=\"900ms\"/> Abramos la "
-                                               "Biblia en Juan. <break time=\"900ms\"/> Dios es amor y nos cuida siempre.</speak>")}),
-             0);
-    QCOMPARE(QProcess::execute(QStringLiteral("sox"), {QStringLiteral("-v"), QStringLiteral("0.5"), wav, QStringLiteral("-r"),
-                                                       QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"),
-                                                       QStringLiteral("-e"), QStringLiteral("floating-point"),
-                                                       QStringLiteral("-b"), QStringLiteral("32"), QStringLiteral("-t"),
-                                                       QStringLiteral("raw"), raw}),
-             0);
-    QFile speechFile(raw);
-    QVERIFY(speechFile.open(QIODevice::ReadOnly));
-    const QByteArray bytes = speechFile.readAll();
-    std::vector<float> speech(std::size_t(bytes.size()) / sizeof(float));
-    std::memcpy(speech.data(), bytes.constData(), speech.size() * sizeof(float));
+    const std::vector<float> speech = spokenStereo(
+        QStringLiteral("es"), QStringLiteral("<speak>Hermanos, buenos días a todos. <break time=\"900ms\"/> Abramos la "
+                                             "Biblia en Juan. <break time=\"900ms\"/> Dios es amor y nos cuida siempre.</speak>"));
+    QVERIFY(!speech.empty());
 
     StandInHttpServer service;
     QVERIFY(service.listen());

@@ -1,6 +1,7 @@
 #include "Captions.h"
 #include "Layer.h"
 #include "SceneDef.h"
+#include "SpokenAudio.h"
 #include "StandInHttpServer.h"
 #include "Translation.h"
 #include "TranslationText.h"
@@ -85,29 +86,6 @@ QByteArray translationAnswer(const QStringList& pieces)
                                    {QStringLiteral("text"), piece}});
     return StandInHttpServer::json(
         {{QStringLiteral("output"), QJsonArray{QJsonObject{{QStringLiteral("content"), content}}}}});
-}
-
-// Speech from espeak-ng with pauses written into its SSML, as the studio's blocks take it:
-// 48 kHz interleaved stereo floats.
-std::vector<float> spoken(const QString& voice, const QString& ssml)
-{
-    QTemporaryDir dir;
-    const QString wav = dir.filePath(QStringLiteral("speech.wav"));
-    const QString raw = dir.filePath(QStringLiteral("speech.f32"));
-    if (QProcess::execute(QStringLiteral("espeak-ng"), {QStringLiteral("-m"), QStringLiteral("-v"), voice,
-                                                         QStringLiteral("-w"), wav, ssml}) != 0 ||
-        QProcess::execute(QStringLiteral("sox"),
-                          {QStringLiteral("-R"), QStringLiteral("-D"), QStringLiteral("-v"), QStringLiteral("0.5"), wav,
-                           QStringLiteral("-r"), QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"),
-                           QStringLiteral("-e"), QStringLiteral("floating-point"), QStringLiteral("-b"),
-                           QStringLiteral("32"), QStringLiteral("-t"), QStringLiteral("raw"), raw}) != 0)
-        return {};
-    QFile file(raw);
-    file.open(QIODevice::ReadOnly);
-    const QByteArray bytes = file.readAll();
-    std::vector<float> samples(std::size_t(bytes.size()) / sizeof(float));
-    std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
-    return samples;
 }
 
 // Stereo samples of a tone (amplitude 0 gives silence) lasting `seconds`.
@@ -315,7 +293,7 @@ void tst_Translation::speechCutsAtPauses()
     QFETCH(QString, voice);
     QFETCH(QString, ssml);
     QFETCH(int, phrases);
-    std::vector<float> source = ssml.isEmpty() ? tone(0.2, 0.0) : spoken(voice, ssml);
+    std::vector<float> source = ssml.isEmpty() ? tone(0.2, 0.0) : spokenStereo(voice, ssml);
     QVERIFY2(!source.empty(), "espeak-ng or sox failed");
     if (ssml.isEmpty())
         std::fill_n(source.begin() + 4800, 60, 0.5f);

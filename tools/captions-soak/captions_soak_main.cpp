@@ -8,6 +8,7 @@
 //   captions_soak hours=<h> numbers=<n> delivered=<n> skipped=<n> passed_empty=<n> in_order=<yes|no>
 //     all_accounted=<yes|no>//     rss_start_kb=<kb at 10 min> rss_hourly_kb=<kb,…> rss_end_kb=<kb> limit=<reached|missed>
 // Usage: velmora-captions-soak [--minutes M]   (simulated minutes before the limit, default 180)
+#include "SpokenAudio.h"
 #include "StandInHttpServer.h"
 #include "Translation.h"
 
@@ -17,9 +18,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <cstdio>
@@ -38,24 +37,6 @@ long residentKb()
         if (line.startsWith("VmRSS:"))
             return line.mid(6).trimmed().split(' ').value(0).toLong();
     return 0;
-}
-
-std::vector<float> spoken(const QString& text)
-{
-    QTemporaryDir dir;
-    const QString wav = dir.filePath(QStringLiteral("s.wav"));
-    const QString raw = dir.filePath(QStringLiteral("s.f32"));
-    QProcess::execute(QStringLiteral("espeak-ng"), {QStringLiteral("-v"), QStringLiteral("es"), QStringLiteral("-w"), wav, text});
-    QProcess::execute(QStringLiteral("sox"), {QStringLiteral("-v"), QStringLiteral("0.5"), wav, QStringLiteral("-r"),
-                                              QStringLiteral("48000"), QStringLiteral("-c"), QStringLiteral("2"),
-                                              QStringLiteral("-e"), QStringLiteral("floating-point"), QStringLiteral("-b"),
-                                              QStringLiteral("32"), QStringLiteral("-t"), QStringLiteral("raw"), raw});
-    QFile file(raw);
-    file.open(QIODevice::ReadOnly);
-    const QByteArray bytes = file.readAll();
-    std::vector<float> samples(std::size_t(bytes.size()) / sizeof(float));
-    std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
-    return samples;
 }
 
 // How the stand-in treats one request: mostly a quick answer, sometimes a slow, failed or lost one.
@@ -96,7 +77,7 @@ int main(int argc, char** argv)
     for (const char* text : {"Hermanos, buenos días a todos.", "Abramos la Biblia en el libro de Juan.",
                              "Dios es amor y nos cuida siempre.", "Oremos juntos por nuestras familias.",
                              "La paz del Señor sea con ustedes.", "Gracias por acompañarnos en este culto."}) {
-        sentences.push_back(spoken(QString::fromUtf8(text)));
+        sentences.push_back(spokenStereo(QStringLiteral("es"), QString::fromUtf8(text)));
         if (sentences.back().empty()) {
             std::fprintf(stderr, "espeak-ng and sox are needed\n");
             return 1;
