@@ -4,6 +4,7 @@
 #include "StandInHttpServer.h"
 #include "StudioWindow.h"
 #include "TestHome.h"
+#include "TlsTestPeer.h"
 #include "TranslationText.h"
 
 #include <QCheckBox>
@@ -78,6 +79,7 @@ private Q_SLOTS:
     void statusReports();
     void keyTest_data();
     void keyTest();
+    void liveRoute();
 
 private:
     void open();
@@ -115,6 +117,7 @@ private:
 void tst_TranslationPanel::initTestCase()
 {
     QVERIFY(testHome);
+    QVERIFY(trustTestCertificate());
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
     gst_init(nullptr, nullptr);
@@ -498,6 +501,36 @@ void tst_TranslationPanel::keyTest()
                                                                        {"input", "Responde solo: OK"},
                                                                        {"max_output_tokens", 16},
                                                                        {"store", false}}));
+}
+
+// The live route in the window: partial text only on the Heard line, a finished turn on the
+// screens, and phrases cut locally once the link is lost.
+void tst_TranslationPanel::liveRoute()
+{
+    standIn->answer = [](const Request&) {
+        return Response{200, R"({"output":[{"content":[{"type":"output_text","text":"Brothers, good morning."}]}]})"};
+    };
+    RawTlsPeer peer;
+    open();
+    window->translation.live.endpoint = QStringLiteral("https://127.0.0.1:%1/v1/").arg(peer.server.serverPort());
+    startSession();
+    QTRY_VERIFY(peer.handshaken());
+    const auto said = [&peer](const QByteArray& json) { peer.socket->write(serverFrame(0x81, json)); };
+    peer.socket->write("HTTP/1.1 101 Switching Protocols\r\n\r\n");
+    said(R"({"type":"session.updated"})");
+    QTRY_COMPARE(status(), QStringLiteral("IA: Modo en vivo activo (texto mientras se habla)."));
+    said(R"({"type":"conversation.item.input_audio_transcription.delta","delta":"Hermanos, "})");
+    said(R"({"type":"conversation.item.input_audio_transcription.delta","delta":"buenos días"})");
+    QTRY_COMPARE(window->heardLabel->text(), QStringLiteral("Escuchado: … Hermanos, buenos días"));
+    QVERIFY(window->captions.isEmpty());
+    said(R"({"type":"conversation.item.input_audio_transcription.completed","transcript":"Hermanos, buenos días."})");
+    QTRY_COMPARE(window->captions, QStringList{QStringLiteral("Brothers, good morning.")});
+    QCOMPARE(window->heardLabel->text(), QStringLiteral("Escuchado: Hermanos, buenos días."));
+    QVERIFY(firstAndLastLine(hallPicture()).first > 100);
+
+    peer.socket->abort();
+    QTRY_COMPARE(status(), QStringLiteral("IA: Modo en vivo no disponible; se usa modo por trozos."));
+    QVERIFY(!window->translation.live.ready);
 }
 
 QTEST_MAIN(tst_TranslationPanel)

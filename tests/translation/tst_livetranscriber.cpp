@@ -1,15 +1,14 @@
 #include "LiveTranscriber.h"
 #include "SpokenAudio.h"
 #include "StandInHttpServer.h"
+#include "TlsTestPeer.h"
 #include "Translation.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSslKey>
 #include <QScopeGuard>
-#include <QSslServer>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -22,19 +21,6 @@
 namespace {
 
 const QString apiKey = QStringLiteral("sk-live-9c2d-secret");
-
-QTemporaryDir certificateDir;
-
-QSslConfiguration serverConfiguration()
-{
-    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setLocalCertificate(QSslCertificate::fromPath(certificateDir.filePath(QStringLiteral("c.pem"))).value(0));
-    QFile key(certificateDir.filePath(QStringLiteral("k.pem")));
-    key.open(QIODevice::ReadOnly);
-    configuration.setPrivateKey(QSslKey(&key, QSsl::Ec));
-    configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
-    return configuration;
-}
 
 // Stereo blocks of a tone (amplitude 0 for silence) of `seconds`, in 20 ms pieces.
 std::vector<tavrin::AudioBlock> blocksOf(double seconds, double amplitude, int blockFrames = 960)
@@ -62,30 +48,6 @@ QByteArray typed(const char* type, const QJsonObject& more = {})
     QJsonObject object = more;
     object[QStringLiteral("type")] = QString::fromLatin1(type);
     return compact(object);
-}
-
-// A frame as a server writes it: final, unmasked unless a mask is given.
-QByteArray frame(quint8 first, const QByteArray& payload, quint64 announced = ~0ull, bool masked = false)
-{
-    const quint64 length = announced == ~0ull ? quint64(payload.size()) : announced;
-    QByteArray bytes(1, char(first));
-    const char maskBit = masked ? char(0x80) : char(0);
-    if (length <= 125) {
-        bytes.append(char(length) | maskBit);
-    } else if (length <= 65535) {
-        bytes.append(char(126) | maskBit);
-        bytes.append(char(length >> 8)).append(char(length));
-    } else {
-        bytes.append(char(127) | maskBit);
-        for (int shift = 56; shift >= 0; shift -= 8)
-            bytes.append(char(length >> shift));
-    }
-    const QByteArray mask("\x11\x22\x33\x44", 4);
-    if (masked)
-        bytes.append(mask);
-    for (qsizetype i = 0; i < payload.size(); ++i)
-        bytes.append(masked ? char(payload[i] ^ mask[i & 3]) : payload[i]);
-    return bytes;
 }
 
 // What the link tells its owner.
@@ -133,7 +95,7 @@ struct QtPeer
 
     QtPeer()
     {
-        server.setSslConfiguration(serverConfiguration());
+        server.setSslConfiguration(testServerConfiguration());
         server.listen(QHostAddress::LocalHost, 0);
         QObject::connect(&server, &QWebSocketServer::newConnection, &server, [this] {
             socket = server.nextPendingConnection();
@@ -153,25 +115,6 @@ struct QtPeer
             found << each.value(QLatin1String("type")).toString();
         return found;
     }
-};
-
-// A TLS peer that answers the upgrade and then writes whatever bytes a test gives it.
-struct RawPeer
-{
-    QSslServer server;
-    QSslSocket* socket = nullptr;
-    QByteArray fromClient;
-
-    RawPeer()
-    {
-        server.setSslConfiguration(serverConfiguration());
-        server.listen(QHostAddress::LocalHost, 0);
-        QObject::connect(&server, &QSslServer::pendingConnectionAvailable, &server, [this] {
-            socket = qobject_cast<QSslSocket*>(server.nextPendingConnection());
-            QObject::connect(socket, &QSslSocket::readyRead, socket, [this] { fromClient += socket->readAll(); });
-        });
-    }
-    bool handshaken() const { return socket && fromClient.contains("\r\n\r\n"); }
 };
 
 } // namespace
@@ -197,21 +140,7 @@ private Q_SLOTS:
 
 void tst_LiveTranscriber::initTestCase()
 {
-    QVERIFY(certificateDir.isValid());
-    QCOMPARE(QProcess::execute(QStringLiteral("openssl"),
-                               {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                                QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                                QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-                                QStringLiteral("-keyout"), certificateDir.filePath(QStringLiteral("k.pem")),
-                                QStringLiteral("-out"), certificateDir.filePath(QStringLiteral("c.pem")),
-                                QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-                                QStringLiteral("/CN=127.0.0.1"), QStringLiteral("-addext"),
-                                QStringLiteral("subjectAltName=IP:127.0.0.1")}),
-             0);
-    // Our client keeps the socket's default verification; only the anchor is the test's own.
-    QSslConfiguration trusted = QSslConfiguration::defaultConfiguration();
-    trusted.addCaCertificates(certificateDir.filePath(QStringLiteral("c.pem")));
-    QSslConfiguration::setDefaultConfiguration(trusted);
+    QVERIFY(trustTestCertificate());
 }
 
 void tst_LiveTranscriber::sessionUpdate_data()
@@ -355,37 +284,37 @@ void tst_LiveTranscriber::bytesFromTheNetwork_data()
     QTest::addColumn<int>("pongLengthByte");   // second byte of the pong sent back; -1 for none
     QTest::addColumn<bool>("unavailable");
     const QByteArray upgrade = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n";
-    const QByteArray updated = frame(0x81, typed("session.updated"));
+    const QByteArray updated = serverFrame(0x81, typed("session.updated"));
     const QByteArray active = QByteArray("Modo en vivo activo (texto mientras se habla).");
     QTest::newRow("frame split inside its header") << upgrade + updated << int(upgrade.size() + 1) << true
                                                    << QString::fromUtf8(active) << -1 << false;
     QTest::newRow("frame split inside its payload") << upgrade + updated << int(upgrade.size() + 9) << true
                                                     << QString::fromUtf8(active) << -1 << false;
     QTest::newRow("answer and frames in one read")
-        << upgrade + updated + frame(0x81, typed("error", {{"error", QJsonObject{{"message", "late"}}}})) << 0 << true
+        << upgrade + updated + serverFrame(0x81, typed("error", {{"error", QJsonObject{{"message", "late"}}}})) << 0 << true
         << "Error en vivo: late" << -1 << false;
-    QTest::newRow("masked frame from the server") << upgrade + frame(0x81, typed("session.updated"), ~0ull, true) << 0
+    QTest::newRow("masked frame from the server") << upgrade + serverFrame(0x81, typed("session.updated"), ~0ull, true) << 0
                                                   << true << QString::fromUtf8(active) << -1 << false;
-    QTest::newRow("empty ping") << upgrade + frame(0x89, {}) << 0 << false << "" << 0x80 << false;
-    QTest::newRow("ping of 125 bytes") << upgrade + frame(0x89, QByteArray(125, 'a')) << 0 << false << "" << 0x80 + 125
+    QTest::newRow("empty ping") << upgrade + serverFrame(0x89, {}) << 0 << false << "" << 0x80 << false;
+    QTest::newRow("ping of 125 bytes") << upgrade + serverFrame(0x89, QByteArray(125, 'a')) << 0 << false << "" << 0x80 + 125
                                        << false;
-    QTest::newRow("ping of 126 bytes") << upgrade + frame(0x89, QByteArray(126, 'a')) << 0 << false << "" << 0xfe
+    QTest::newRow("ping of 126 bytes") << upgrade + serverFrame(0x89, QByteArray(126, 'a')) << 0 << false << "" << 0xfe
                                        << false;
-    QTest::newRow("ping of 65536 bytes") << upgrade + frame(0x89, QByteArray(65536, 'a')) << 70 << false << "" << 0xff
+    QTest::newRow("ping of 65536 bytes") << upgrade + serverFrame(0x89, QByteArray(65536, 'a')) << 70 << false << "" << 0xff
                                          << false;
-    QTest::newRow("binary frame ignored") << upgrade + frame(0x82, typed("session.updated")) << 0 << false << "" << -1
+    QTest::newRow("binary frame ignored") << upgrade + serverFrame(0x82, typed("session.updated")) << 0 << false << "" << -1
                                           << false;
-    QTest::newRow("text that is not JSON") << upgrade + frame(0x81, "\xff\xfe{not json") + frame(0x81, "[1,2]") << 0
+    QTest::newRow("text that is not JSON") << upgrade + serverFrame(0x81, "\xff\xfe{not json") + serverFrame(0x81, "[1,2]") << 0
                                            << false << "" << -1 << false;
-    QTest::newRow("close frame") << upgrade + updated + frame(0x88, "\x03\xe8") << 0 << false
+    QTest::newRow("close frame") << upgrade + updated + serverFrame(0x88, "\x03\xe8") << 0 << false
                                  << "Conexión en vivo cerrada por el servidor." << -1 << true;
-    QTest::newRow("a frame of 2^63 bytes announced") << upgrade + frame(0x81, "x", 1ull << 63) << 0 << false
+    QTest::newRow("a frame of 2^63 bytes announced") << upgrade + serverFrame(0x81, "x", 1ull << 63) << 0 << false
                                                      << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
     QTest::newRow("a length that wraps around with the fragments")
-        << upgrade + frame(0x01, "ab") + frame(0x80, "x", ~0ull - 1) << 0 << false
+        << upgrade + serverFrame(0x01, "ab") + serverFrame(0x80, "x", ~0ull - 1) << 0 << false
         << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
     QTest::newRow("fragments past the bound")
-        << upgrade + frame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a')) + frame(0x80, QByteArray(20, 'b'))
+        << upgrade + serverFrame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a')) + serverFrame(0x80, QByteArray(20, 'b'))
         << 0 << false << "Conexión en vivo cerrada: mensaje demasiado grande." << -1 << true;
     QTest::newRow("refused upgrade") << QByteArray("HTTP/1.1 401 Unauthorized\r\ncontent-length: 0\r\n\r\n") << 0
                                      << false << "Modo en vivo rechazado: HTTP/1.1 401 Unauthorized\r\ncontent-length: 0"
@@ -404,7 +333,7 @@ void tst_LiveTranscriber::bytesFromTheNetwork()
     QFETCH(QString, lastStatus);
     QFETCH(int, pongLengthByte);
     QFETCH(bool, unavailable);
-    RawPeer peer;
+    RawTlsPeer peer;
     Link link(peer.server.serverPort());
     link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
     QTRY_VERIFY(peer.handshaken());
@@ -471,7 +400,8 @@ void tst_LiveTranscriber::independentPeer()
 {
     // Python's websockets library as the service: it answers the update, counts the audio it is
     // sent, and on each commit returns the count as the turn's text.
-    const QString script = certificateDir.filePath(QStringLiteral("peer.py"));
+    QTemporaryDir folder;
+    const QString script = folder.filePath(QStringLiteral("peer.py"));
     QFile file(script);
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write(R"(import asyncio, base64, json, ssl, sys, websockets
@@ -501,8 +431,7 @@ asyncio.run(main())
         python.kill();
         python.waitForFinished();
     });
-    python.start(QStringLiteral("/usr/bin/python3"), {script, certificateDir.filePath(QStringLiteral("c.pem")),
-                                                       certificateDir.filePath(QStringLiteral("k.pem"))});
+    python.start(QStringLiteral("/usr/bin/python3"), {script, testCertificateFile(), testKeyFile()});
     QVERIFY(python.waitForReadyRead(10000));
     Link link(quint16(python.readLine().trimmed().toInt()));
     link.live.start(apiKey, QStringLiteral("es"), QStringLiteral("x"));
