@@ -19,6 +19,7 @@ test_packages=(
   nginx-light libnginx-mod-rtmp libnginx-mod-stream openssl
   pulseaudio pulseaudio-utils
   gnome-keyring libsecret-tools dbus
+  fonts-liberation fonts-urw-base35
 )
 
 wanted=("${studio_packages[@]}")
