@@ -22,11 +22,11 @@ void drawnForPictures(QFont& font)
 {
     // Pictures go to encoders and projectors, not to an LCD's subpixels: grey edges only.
     font.setStyleStrategy(QFont::NoSubpixelAntialias);
-    // Glyphs on whole pixels. Placed between pixels, Qt's FreeType engine leaves the last glyph's
-    // fraction of a pixel set on the font face, and text above 64 pixels, drawn from the face's
-    // outlines, then lands that much aside: the same 100-pixel line in Liberation Sans came out up to
-    // 37 levels different at its edges depending on which smaller text of that face had been drawn
-    // before (Nimbus Sans 25, DejaVu Sans 12), so that no two drawings of a scene could be compared.
+    // Glyphs on whole pixels. Glyphs placed between pixels change how Qt's FreeType engine then draws
+    // text above 64 pixels from the outlines of the same face, whose state it shares among sizes: the
+    // same 100-pixel line in Liberation Sans came out up to 37 levels different at its edges depending
+    // on which smaller text of that face had been drawn before (Nimbus Sans 25, DejaVu Sans 12), so
+    // that no two drawings of a scene could be compared. On whole pixels it always comes out the same.
     font.setHintingPreference(QFont::PreferFullHinting);
 }
 
