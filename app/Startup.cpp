@@ -9,6 +9,7 @@
 #include <QSettings>
 #include <QWidget>
 #include <gst/gst.h>
+#include <optional>
 #include <stdexcept>
 
 namespace velmora {
@@ -85,7 +86,7 @@ int runStudio(int argc, char** argv, const WindowFactory& makeWindow)
     application.setStyleSheet(styleSheet());
 
     int exitCode = 1;
-    std::string failure;
+    std::optional<std::string> failure; // what() may be empty: the box shows all the same
     try {
         const std::unique_ptr<QWidget> window = makeWindow();
         window->show();
@@ -94,8 +95,8 @@ int runStudio(int argc, char** argv, const WindowFactory& makeWindow)
         failure = error.what();
     }
     // The window is gone here: its pipelines are stopped before GStreamer is.
-    if (!failure.empty()) {
-        QMessageBox::critical(nullptr, T("No se pudo iniciar Velmora"), T(failure.c_str()), QMessageBox::Ok);
+    if (failure) {
+        QMessageBox::critical(nullptr, T("No se pudo iniciar Velmora"), T(failure->c_str()), QMessageBox::Ok);
         exitCode = 1;
     }
     gst_deinit();

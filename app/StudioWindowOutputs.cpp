@@ -88,6 +88,9 @@ void StudioWindow::destination(std::size_t index)
         return;
     }
     const QString server = row.server->text().trimmed();
+    // The address first: a refused one leaves the key field as the operator left it, and its refusal
+    // shows without a wait on the keyring.
+    tavrin::streamServer(server);
     if (row.key->text().trimmed().isEmpty())
         row.key->setText(readSecret(QStringLiteral("stream-") + row.name));
     const QString key = row.key->text().trimmed();

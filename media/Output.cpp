@@ -75,8 +75,9 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
     configureSource(audioSource.get(), audioCaps.get(), audioSourceBuffers);
 
     auto videoConvert = element("videoconvert");
-    // The RGBA to I420 step runs in the source's streaming thread, before the encoder: split over two
-    // threads it leaves the encoder most of the frame period on a two-core machine.
+    // The RGBA to I420 step runs in the source's streaming thread, before the encoder. On a two-core
+    // machine a 1080p picture took 4.7 to 5.1 ms on one thread and 2.6 to 3.1 ms on two, of the
+    // 33 ms that each picture has.
     g_object_set(videoConvert.get(), "n-threads", 2u, nullptr);
     auto i420Filter = element("capsfilter");
     const gstptr::Caps i420(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", nullptr));
@@ -124,8 +125,10 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
     if (flv) {
         // The sources are live, so flvmux interleaves by the clock: without room to wait, the sound,
         // which encodes faster, goes out ahead of the picture and the picture's times get pushed
-        // forward into a stutter. Its wait for a missing stream covers a caught-up tick and the
-        // encoder; it only delays a stream, it never holds more data.
+        // forward into a stutter. Without it nginx recorded a 1080p stream that ffprobe reads as
+        // 1000/1 or 47/1 frames a second with no average rate; with 500 ms, 30/1 and 30/1 (20 s
+        // runs of velmora-soak; 250 ms held once, 100 ms did not). It only delays a stream, it
+        // never holds more data.
         g_object_set(muxer.get(), "latency", muxerLatencyNs, nullptr);
     }
 
@@ -227,8 +230,11 @@ void Output::push(const std::shared_ptr<const tavrin::Frame>& frame, const std::
             error = "El formato cambio durante salida";
             running = false;
         } else {
-            // Every output wraps the one picture of this frame, read-only, instead of copying 8 MB each;
-            // the last buffer to be released lets go of it, on whichever thread that happens.
+            // Every output wraps the one picture of this frame, read-only, instead of copying it into a
+            // buffer of its own. On the tick's thread the copies took 0.84 ms a frame for one output
+            // and 20 to 23 ms for five 1080p recordings at once, wrapping 0.05 to 0.09 ms; either way
+            // each source hands on the very bytes of the frame (compared by hash, buffer by buffer).
+            // The last buffer to be released lets go of the picture, on whichever thread.
             auto* holder = new std::shared_ptr<const tavrin::Frame>(frame);
             GstBuffer* buffer = gst_buffer_new_wrapped_full(
                 GST_MEMORY_FLAG_READONLY, const_cast<std::uint8_t*>(frame->pixels.data()), frame->pixels.size(), 0,

@@ -1,12 +1,11 @@
 #include "StreamTarget.h"
 
 #include <QRegularExpression>
-#include <QUrl>
 #include <stdexcept>
 
 namespace tavrin {
 
-QString streamTarget(const QString& server, const QString& key)
+QUrl streamServer(const QString& server)
 {
     const QUrl url(server.trimmed(), QUrl::TolerantMode);
     const bool plainServer = url.isValid() && (url.scheme() == QLatin1String("rtmp") || url.scheme() == QLatin1String("rtmps")) &&
@@ -14,6 +13,12 @@ QString streamTarget(const QString& server, const QString& key)
                              !url.hasFragment();
     if (!plainServer)
         throw std::runtime_error("Servidor RTMP/RTMPS inválido. Separa la clave del servidor.");
+    return url;
+}
+
+QString streamTarget(const QString& server, const QString& key)
+{
+    const QUrl url = streamServer(server);
     static const QRegularExpression forbidden(QStringLiteral("[\\s?#]"));
     const QString trimmedKey = key.trimmed();
     if (trimmedKey.isEmpty() || forbidden.match(trimmedKey).hasMatch())

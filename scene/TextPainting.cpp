@@ -18,13 +18,24 @@ namespace {
 
 const QColor shadowColour(0, 0, 0, 200);
 
+void drawnForPictures(QFont& font)
+{
+    // Pictures go to encoders and projectors, not to an LCD's subpixels: grey edges only.
+    font.setStyleStrategy(QFont::NoSubpixelAntialias);
+    // Glyphs on whole pixels. Glyphs placed between pixels change how Qt's FreeType engine then draws
+    // text above 64 pixels from the outlines of the same face, whose state it shares among sizes: the
+    // same 100-pixel line in Liberation Sans came out up to 37 levels different at its edges depending
+    // on which smaller text of that face had been drawn before (Nimbus Sans 25, DejaVu Sans 12), so
+    // that no two drawings of a scene could be compared. On whole pixels it always comes out the same.
+    font.setHintingPreference(QFont::PreferFullHinting);
+}
+
 QFont layerFont(const Layer& layer, int outputHeight)
 {
     QFont font(layer.font);
     font.setPixelSize(textPixelSize(layer.size, outputHeight));
     font.setWeight(layer.bold ? QFont::Bold : QFont::Normal);
-    // Pictures go to encoders and projectors, not to an LCD's subpixels: grey edges only.
-    font.setStyleStrategy(QFont::NoSubpixelAntialias);
+    drawnForPictures(font);
     return font;
 }
 
@@ -50,10 +61,11 @@ quint32 solidColour(const QColor& colour)
 }
 
 // Qt caches glyphs up to 64 pixels; larger text is filled as paths, several milliseconds a line, and
-// a shadowed run draws its text six times: the hall's 72-pixel subtitles took some 200 ms. A path
-// moved by whole pixels rasterises to the same coverage moved by whole pixels, so such text is
-// rasterised once, as coverage, and each pass moved by whole pixels blends that coverage with the
-// arithmetic of Qt's solid span fill; other passes are drawn as they are.
+// a shadowed run draws its text six times: the hall's 72-pixel subtitles took some 200 ms, 35 ms
+// rasterised once. A path moved by whole pixels rasterises to nearly the same coverage moved by whole
+// pixels (a level or two at a few edge pixels), so such text is rasterised once, as coverage, where
+// its unmoved pass lies, which is then exactly Qt's own; each pass moved by whole pixels blends that
+// coverage with the arithmetic of Qt's solid span fill; other passes are drawn as they are.
 bool coverageReusable(const QPainter& painter, const std::vector<Pass>& passes)
 {
     QPaintDevice* device = painter.device();
@@ -67,6 +79,18 @@ bool coverageReusable(const QPainter& painter, const std::vector<Pass>& passes)
     return pixels > 64.0;
 }
 
+// A pass is moved with the painter, not with its rectangle. Qt flattens the outlines of large text
+// in floating point where they lie, so the same text a few pixels further on can come out a dozen
+// levels different at its edges (Liberation Sans, moved by 4 pixels: up to 23); moved by the painter,
+// the same outlines are flattened and only then moved.
+void drawMoved(QPainter& painter, const QPointF& offset, const QRectF& area, int flags, const QString& text)
+{
+    const QTransform before = painter.transform();
+    painter.translate(offset);
+    painter.drawText(area, flags, text);
+    painter.setTransform(before);
+}
+
 } // namespace
 
 QFont finishingFont(int pointSize)
@@ -74,7 +98,7 @@ QFont finishingFont(int pointSize)
     QFont font(QStringLiteral("Sans Serif"));
     font.setPointSize(std::max(16, pointSize));
     font.setWeight(QFont::Bold);
-    font.setStyleStrategy(QFont::NoSubpixelAntialias);
+    drawnForPictures(font);
     return font;
 }
 
@@ -123,34 +147,35 @@ QRect paintedBounds(const QImage& image, const QRect& within)
 void drawPasses(QPainter& painter, const QRectF& area, int flags, const QString& text,
                 const std::vector<Pass>& passes, Scratch* coverage)
 {
-    if (!coverage || !coverageReusable(painter, passes)) {
+    const auto drawEach = [&] {
         for (const Pass& pass : passes) {
             painter.setPen(pass.colour);
-            painter.drawText(area.translated(pass.offset), flags, text);
+            drawMoved(painter, pass.offset, area, flags, text);
         }
-        return;
-    }
+    };
+    if (!coverage || !coverageReusable(painter, passes))
+        return drawEach();
 
     QImage& device = *static_cast<QImage*>(painter.device());
     const int width = device.width();
     const int height = device.height();
-    // Room around the output for what a pass moves into view.
-    int margin = 1;
-    for (const Pass& pass : passes)
-        margin = std::max({margin, int(std::ceil(std::abs(pass.offset.x()))) + 1,
-                           int(std::ceil(std::abs(pass.offset.y()))) + 1});
-
-    // Opaque white on transparent leaves exactly the coverage in every channel.
-    QImage mask = coverage->view(width + 2 * margin, height + 2 * margin, QImage::Format_ARGB32_Premultiplied);
+    // Opaque white on transparent leaves exactly the coverage in every channel. It is rasterised where
+    // the unmoved pass lies, on a canvas of the output's size, so that this pass is exactly Qt's own.
+    QImage mask = coverage->view(width, height, QImage::Format_ARGB32_Premultiplied);
     {
         QPainter maskPainter(&mask);
         maskPainter.setRenderHints(painter.renderHints());
         maskPainter.setFont(painter.font());
         maskPainter.setPen(Qt::white);
-        maskPainter.drawText(area.translated(margin, margin), flags, text);
+        maskPainter.drawText(area, flags, text);
     }
     const QRect bounds = paintedBounds(mask, mask.rect());
     coverage->dirty = bounds;
+    if (bounds.isEmpty())
+        return;
+    // Text cut by the output's edge has parts beyond it that a moved pass would bring into view.
+    if (bounds.left() == 0 || bounds.top() == 0 || bounds.right() == width - 1 || bounds.bottom() == height - 1)
+        return drawEach();
 
     // The coverage as runs of covered pixels, row by row, in the device's coordinates.
     struct Span
@@ -171,7 +196,7 @@ void drawPasses(QPainter& painter, const QRectF& area, int flags, const QString&
             const int start = x;
             while (x <= bounds.right() && row[x])
                 ++x;
-            spans.push_back({start - margin, y - margin, x - start, row + start});
+            spans.push_back({start, y, x - start, row + start});
         }
     }
 
@@ -181,7 +206,7 @@ void drawPasses(QPainter& painter, const QRectF& area, int flags, const QString&
         const QPointF o = pass.offset;
         if (o.x() != std::round(o.x()) || o.y() != std::round(o.y())) {
             painter.setPen(pass.colour);
-            painter.drawText(area.translated(o), flags, text);
+            drawMoved(painter, o, area, flags, text);
             continue;
         }
         const int dx = int(o.x());

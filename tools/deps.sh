@@ -21,6 +21,7 @@ test_packages=(
   gnome-keyring libsecret-tools dbus
   espeak-ng sox
   qt6-websockets-dev python3-websockets
+  fonts-liberation fonts-urw-base35
 )
 
 wanted=("${studio_packages[@]}")

@@ -1,6 +1,7 @@
 // Runs the studio's real start-up with a stand-in window chosen by VELMORA_PROBE:
 //   report  - prints the language and the environment GStreamer was started with, exits 0
-//   throw   - the window's constructor fails; prints the critical box it gets, then closes it
+//   throw:T - the window's constructor fails with the text T, which may be empty; prints the critical
+//             box it gets, then closes it
 //   exit:N  - the event loop ends with code N
 #include "Startup.h"
 #include "i18n.h"
@@ -39,9 +40,9 @@ int main(int argc, char** argv)
 {
     const QByteArray mode = qgetenv("VELMORA_PROBE");
     return velmora::runStudio(argc, argv, [mode]() -> std::unique_ptr<QWidget> {
-        if (mode == "throw") {
+        if (mode.startsWith("throw:")) {
             reportModalBoxLater();
-            throw std::runtime_error("No se pudo iniciar fuente");
+            throw std::runtime_error(mode.mid(6).toStdString());
         }
         if (mode.startsWith("exit:")) {
             const int code = mode.mid(5).toInt();

@@ -2,6 +2,7 @@
 #include "MediaProbe.h"
 #include "Output.h"
 #include "RtmpServer.h"
+#include "SecretStore.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -46,6 +47,8 @@ void tst_Outputs::initTestCase()
     gst_init(nullptr, nullptr);
     folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QDir().mkpath(folder);
+    // Stream keys are stored in the test's own data folder, never in the user's keyring.
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder.toUtf8() + "/no-bus");
 }
 
 void tst_Outputs::goOnAirWithToneAndPattern(StudioWindow& window)
@@ -184,7 +187,7 @@ void tst_Outputs::refusedEntryChangesNothing_data()
 
     const QString badServer = QStringLiteral("Servidor RTMP/RTMPS inválido. Separa la clave del servidor.");
     QTest::newRow("key in the server") << "rtmp://127.0.0.1/app?key=abc" << "k" << "" << badServer;
-    QTest::newRow("no host") << "rtmp://" << "k" << "" << badServer;
+    QTest::newRow("no host, a key in the store") << "rtmp://" << "" << "" << badServer;
     QTest::newRow("key with a blank") << "rtmp://127.0.0.1/app" << "ab cd" << "" << "Clave de transmisión inválida";
     QTest::newRow("recording into a missing folder")
         << "rtmp://" << "" << "/no/such/folder/program.webm" << "No se pudo iniciar salida";
@@ -197,6 +200,7 @@ void tst_Outputs::refusedEntryChangesNothing()
     QFETCH(QString, recording);
     QFETCH(QString, message);
 
+    QVERIFY(storeSecret(QStringLiteral("stream-Otro RTMP"), QStringLiteral("stored-key")));
     StudioWindow window(false);
     Destination& row = window.destinations[3];
     row.server->setText(server);

@@ -59,11 +59,13 @@ void tst_Startup::start_data()
                        "GST_PLUGIN_PATH_1_0=", "GIO_MODULE_DIR=@/gstreamer/lib/gio/modules",
                        "GST_PLUGIN_SCANNER=@/gstreamer/libexec/gstreamer-1.0/gst-plugin-scanner"};
     QTest::newRow("failing window, Spanish")
-        << QString() << es << "throw" << false << 1
+        << QString() << es << "throw:No se pudo iniciar fuente" << false << 1
         << QStringList{"box.title=No se pudo iniciar Velmora", "box.text=No se pudo iniciar fuente"};
     QTest::newRow("failing window, English")
-        << QString() << "en_GB.UTF-8" << "throw" << false << 1
+        << QString() << "en_GB.UTF-8" << "throw:No se pudo iniciar fuente" << false << 1
         << QStringList{"box.title=Velmora could not start", "box.text=Source could not start"};
+    QTest::newRow("failing window without words")
+        << QString() << es << "throw:" << false << 1 << QStringList{"box.title=No se pudo iniciar Velmora", "box.text="};
     QTest::newRow("the event loop's code passes through") << QString() << es << "exit:3" << false << 3 << QStringList();
 }
 

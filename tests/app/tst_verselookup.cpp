@@ -5,6 +5,7 @@
 #include "StandInHttpServer.h"
 #include "StudioWindow.h"
 #include "TestHome.h"
+#include "i18n.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -168,6 +169,8 @@ void tst_VerseLookup::open(const QVariantMap& settings)
     for (auto each = settings.begin(); each != settings.end(); ++each)
         store.setValue(each.key(), each.value());
     store.sync();
+    // The stored language, taken as start-up takes it.
+    tavrin_i18n::language() = settings.value(QStringLiteral("language"), QStringLiteral("es")).toString();
     window = std::make_unique<StudioWindow>(false);
     // The tick composes three 1080p pictures 30 times a second; nothing here depends on it.
     window->tickTimer.stop();
@@ -335,6 +338,18 @@ void tst_VerseLookup::onlineText_data()
                                << "Versículo en español; para traducirlo a otro idioma añade la API key de OpenAI.";
     QTest::newRow("translated") << french << "" << "openai" << 200 << translation << "traducción automática" << ready;
     QTest::newRow("AI key refused") << french << "" << "openai" << 401 << unauthorized << "RV1909" << noTranslation;
+    // Failures made in Spanish by the clients reach the English interface translated.
+    QVariantMap english = rvr60;
+    english.insert(QStringLiteral("language"), QStringLiteral("en"));
+    QTest::newRow("API.Bible key refused, in English")
+        << english << bibleKey << "" << 401 << unauthorized << "RV1909"
+        << "API.Bible: invalid key or no permission for that Bible · RV1909 is kept";
+    QTest::newRow("API.Bible failing, in English") << english << bibleKey << "" << 502 << QByteArray() << "RV1909"
+                                                   << "API.Bible: no response (HTTP 502) · RV1909 is kept";
+    english = french;
+    english.insert(QStringLiteral("language"), QStringLiteral("en"));
+    QTest::newRow("AI key refused, in English") << english << "" << "openai" << 401 << unauthorized << "RV1909"
+                                                << "The verse could not be translated (check the OpenAI API key)";
 }
 
 // An online Bible, or subtitles in a language of no built-in Bible, which gets the Spanish text
@@ -365,7 +380,7 @@ void tst_VerseLookup::onlineText()
         QVERIFY(standIn->requests.isEmpty());
         return;
     }
-    QCOMPARE(status(), translating ? QStringLiteral("Traduciendo versículo...") : QStringLiteral("Consultando API.Bible..."));
+    QCOMPARE(status(), translating ? T("Traduciendo versículo...") : T("Consultando API.Bible..."));
     QTRY_COMPARE(standIn->requests.size(), 1);
     const Request& request = standIn->requests.first();
     if (translating) {
