@@ -193,7 +193,7 @@ void translateVerse(QObject* parent, const QString& apiKey, const QString& text,
         if (!done)
             return;
         if (translated.isEmpty())
-            done(QString(), QStringLiteral("No se pudo traducir el versículo (revisa la API key de OpenAI)"));
+            done(QString(), T("No se pudo traducir el versículo (revisa la API key de OpenAI)"));
         else
             done(translated, QString());
     });
