@@ -1,17 +1,23 @@
 #include "SecretStore.h"
 #include "StudioWindow.h"
+#include "i18n.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDir>
 #include <QFile>
+#include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QTabBar>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -28,6 +34,7 @@ private Q_SLOTS:
     void initTestCase();
     void wizard_data();
     void wizard();
+    void englishShellHasNoSpanish();
 };
 
 namespace {
@@ -86,6 +93,45 @@ bool whenStarted(const std::function<void(QWidget*)>& step)
 bool onboarded()
 {
     return QSettings().value(QStringLiteral("onboarding_complete")).toBool();
+}
+
+// Every text that a widget and its children show, menus included.
+QStringList shownTexts(const QWidget* root)
+{
+    QStringList texts{root->windowTitle()};
+    for (const QWidget* widget : root->findChildren<QWidget*>()) {
+        texts << widget->toolTip();
+        if (auto* button = qobject_cast<const QAbstractButton*>(widget))
+            texts << button->text();
+        else if (auto* label = qobject_cast<const QLabel*>(widget))
+            texts << label->text();
+        else if (auto* field = qobject_cast<const QLineEdit*>(widget))
+            texts << field->placeholderText();
+        else if (auto* page = qobject_cast<const QWizardPage*>(widget))
+            texts << page->title();
+        else if (auto* menu = qobject_cast<const QMenu*>(widget))
+            for (const QAction* item : menu->actions())
+                texts << item->text();
+        else if (auto* combo = qobject_cast<const QComboBox*>(widget))
+            for (int index = 0; index < combo->count(); ++index)
+                texts << combo->itemText(index);
+        else if (auto* bar = qobject_cast<const QTabBar*>(widget))
+            for (int index = 0; index < bar->count(); ++index)
+                texts << bar->tabText(index);
+    }
+    return texts;
+}
+
+// The Spanish keys, with an English text of their own, that still show inside the given texts.
+QStringList spanishIn(const QStringList& texts)
+{
+    QStringList found;
+    const auto& table = tavrin_i18n::english();
+    for (const QString& text : texts)
+        for (auto row = table.cbegin(); row != table.cend(); ++row)
+            if (row.key() != row.value() && text.contains(row.key()) && !found.contains(row.key()))
+                found << row.key();
+    return found;
 }
 
 } // namespace
@@ -170,6 +216,33 @@ void tst_FirstRun::wizard()
             qobject_cast<QDialog*>(modal)->reject();
     }));
     QCOMPARE(onboarded(), !refused);
+}
+
+// After a change to English and a restart, nothing of the window, the wizard or the credits is
+// left in Spanish.
+void tst_FirstRun::englishShellHasNoSpanish()
+{
+    tavrin_i18n::language() = QStringLiteral("en");
+    QSettings().remove(QStringLiteral("onboarding_complete"));
+    StudioWindow window(false);
+    window.show();
+    QStringList spanish;
+    QVERIFY(whenStarted([&](QWidget* modal) {
+        auto* wizard = qobject_cast<QWizard*>(modal);
+        QVERIFY(wizard);
+        spanish << spanishIn(shownTexts(wizard));
+        QTimer::singleShot(0, [&] {
+            auto* credits = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            QVERIFY(credits);
+            spanish << spanishIn(shownTexts(credits));
+            credits->button(QMessageBox::Ok)->click();
+        });
+        wizard->page(0)->findChild<QPushButton*>()->click();
+        wizard->reject();
+    }));
+    spanish << spanishIn(shownTexts(&window));
+    tavrin_i18n::language() = QStringLiteral("es");
+    QVERIFY2(spanish.isEmpty(), qPrintable(spanish.join(QStringLiteral(" | "))));
 }
 
 QTEST_MAIN(tst_FirstRun)
