@@ -1,5 +1,5 @@
 // velmora-shots draws the pictures of the user guide from the real window: the two pages of the
-// first-run wizard and the main window on each of its tabs, in the language asked for.
+// first-run wizard, the credits and the main window on each of its tabs, in the language asked for.
 //
 //   velmora-shots <folder> <es|en>
 //
@@ -9,6 +9,8 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QTabWidget>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -57,6 +59,13 @@ int main(int argc, char** argv)
             if (!wizard)
                 return;
             save(wizard, prefix + QStringLiteral("wizard-1.png"));
+            QTimer::singleShot(0, studio, [prefix] {
+                if (auto* credits = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+                    save(credits, prefix + QStringLiteral("credits.png"));
+                    credits->button(QMessageBox::Ok)->click();
+                }
+            });
+            wizard->page(0)->findChild<QPushButton*>()->click();
             wizard->next();
             save(wizard, prefix + QStringLiteral("wizard-2.png"));
             wizard->reject();
