@@ -80,6 +80,9 @@ StudioWindow::StudioWindow(bool smoke)
     tickTimer.setInterval(5);
     connect(&tickTimer, &QTimer::timeout, this, &StudioWindow::tick);
     tickTimer.start();
+    // From the event loop, so that the wizard opens over a window that is already shown.
+    if (!smoke && !settings.value(QStringLiteral("onboarding_complete")).toBool())
+        QTimer::singleShot(0, this, &StudioWindow::onboarding);
 }
 
 StudioWindow::~StudioWindow()

@@ -62,6 +62,8 @@ public:
     SceneDef defaultScene(int bus) const;
     SceneDef& scene();
     void about();
+    // The first-run wizard; onboarding_complete is written only when it is finished.
+    void onboarding();
 
     void tick();
     void take();
@@ -119,6 +121,7 @@ public:
     friend class tst_VerseLookup;
     friend class tst_TranslationPanel;
     friend class tst_TranslationChain;
+    friend class tst_FirstRun;
 
 protected:
     void closeEvent(QCloseEvent* event) override;

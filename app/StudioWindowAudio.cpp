@@ -82,7 +82,7 @@ void StudioWindow::pollAudio()
         return;
     // Audio is not reopened by itself: outputs go on with silence or the voice until the operator
     // connects the sources again.
-    notify(T("Audio detenido; video continúa. ") + QString::fromStdString(capture->error));
+    notify(T("Audio detenido; video continúa. ") + T(capture->error.c_str()));
     retireMedia(std::move(capture));
     programAudio.clear();
 }

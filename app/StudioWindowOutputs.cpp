@@ -42,7 +42,7 @@ QWidget* StudioWindow::buildStreamTab()
     for (std::size_t row = 0; row < destinations.size(); ++row) {
         Destination& each = destinations[row];
         each.name = QString::fromUtf8(presets[row].name);
-        each.enabled = new QCheckBox(each.name);
+        each.enabled = new QCheckBox(T(presets[row].name));
         each.server = new QLineEdit(QString::fromUtf8(presets[row].server));
         each.server->setObjectName(QStringLiteral("server-%1").arg(row));
         each.key = new QLineEdit;
@@ -185,7 +185,7 @@ void StudioWindow::pushOutputs(const QImage& streamProgram, const std::vector<fl
         recording->push(frame, audio, pts);
         if (!recording->running) {
             notify(recording->ended && recording->error.empty() ? T("Grabación guardada correctamente")
-                                                                 : QString::fromStdString(recording->error));
+                                                                 : T(recording->error.c_str()));
             retire(std::move(recording));
             recordButton->setText(T("● Grabar"));
         }
@@ -196,7 +196,7 @@ void StudioWindow::pushOutputs(const QImage& streamProgram, const std::vector<fl
         row.output->push(frame, audio, pts);
         if (row.output->running)
             continue;
-        row.status->setText(QString::fromStdString(row.output->error));
+        row.status->setText(T(row.output->error.c_str()));
         retire(std::move(row.output));
         row.button->setText(T("Iniciar"));
     }

@@ -4,16 +4,12 @@
 #include "i18n.h"
 
 #include <QCoreApplication>
-#include <QDesktopServices>
-#include <QDir>
-#include <QFileInfo>
 #include <QComboBox>
 #include <QLabel>
 #include <QMessageBox>
 #include <QProcess>
 #include <QProgressBar>
 #include <QSignalBlocker>
-#include <QUrl>
 #include <algorithm>
 #include <stdexcept>
 
@@ -85,25 +81,4 @@ void StudioWindow::languageChosen(int index)
         return;
     QProcess::startDetached(QCoreApplication::applicationFilePath(), {});
     close();
-}
-
-void StudioWindow::about()
-{
-    QMessageBox box(this);
-    box.setIcon(QMessageBox::Information);
-    box.setWindowTitle(T("Velmora · créditos y licencias"));
-    QPushButton* openLog = box.addButton(T("Abrir carpeta del registro"), QMessageBox::ActionRole);
-    box.addButton(QMessageBox::Ok);
-    box.setText(T("Velmora usa bibliotecas de código abierto: Qt (LGPL 3), GStreamer y sus complementos (LGPL 2.1 "
-                  "o posterior), GLib (LGPL 2.1 o posterior). Puedes reemplazar estas bibliotecas por versiones "
-                  "modificadas de ellas.") +
-                QStringLiteral("\n\n") +
-                T("La traducción es automática y puede contener errores. El audio seleccionado se envía a OpenAI "
-                  "solo al activar IA. La voz es sintética. API con facturación separada.") +
-                QStringLiteral("\n\n") +
-                T("Esta versión requiere pruebas de hardware y emisión antes de usarla en un culto.") +
-                QStringLiteral("\n\n") + T("Registro técnico: ") + logPath());
-    box.exec();
-    if (box.clickedButton() == openLog)
-        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(logPath()).absolutePath()));
 }

@@ -146,7 +146,7 @@ void StudioWindow::bindTranslation()
     translation.statusChanged = [this](const QString& text) {
         aiStatusLabel->setText(text);
         logLine(QStringLiteral("IA: ") + text);
-        statusLabel->setText(QStringLiteral("IA: ") + text);
+        statusLabel->setText(T("IA: ") + text);
         // A fatal reply reports while the session still runs: its captions stay until the next press.
         if (translation.running)
             return;

@@ -2,6 +2,7 @@
 
 #include "Books.h"
 #include "Reference.h"
+#include "i18n.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -62,11 +63,11 @@ void Api::get(const QString& path, const QString& key, std::function<void(QJsonO
         if (reply->error() != QNetworkReply::NoError) {
             const int code = status.toInt();
             if (code == 401 || code == 403)
-                done({}, QStringLiteral("API.Bible: clave no válida o sin permiso para esa Biblia"));
+                done({}, T("API.Bible: clave no válida o sin permiso para esa Biblia"));
             else if (status.isValid())
-                done({}, QStringLiteral("API.Bible: sin respuesta (HTTP %1)").arg(code));
+                done({}, T("API.Bible: sin respuesta (HTTP %1)").arg(code));
             else
-                done({}, QStringLiteral("API.Bible: sin respuesta"));
+                done({}, T("API.Bible: sin respuesta"));
             return;
         }
         // A body that is not a JSON object reads as an empty one: the callers then find no data.
@@ -127,7 +128,7 @@ void Api::passage(const QString& key, const QString& bibleId, const Ref& ref, st
         // Answered from the event loop like every other outcome, never inside the call.
         QTimer::singleShot(0, &network, [done = std::move(done)] {
             if (done)
-                done(QString(), QStringLiteral("Cita no válida"));
+                done(QString(), T("Cita no válida"));
         });
         return;
     }
@@ -141,7 +142,7 @@ void Api::passage(const QString& key, const QString& bibleId, const Ref& ref, st
         const QString text =
             reply.value(QLatin1String("data")).toObject().value(QLatin1String("content")).toString().simplified();
         if (text.isEmpty())
-            done(QString(), QStringLiteral("API.Bible no devolvió texto para esa cita"));
+            done(QString(), T("API.Bible no devolvió texto para esa cita"));
         else
             done(text, QString());
     });
@@ -192,7 +193,7 @@ void translateVerse(QObject* parent, const QString& apiKey, const QString& text,
         if (!done)
             return;
         if (translated.isEmpty())
-            done(QString(), QStringLiteral("No se pudo traducir el versículo (revisa la API key de OpenAI)"));
+            done(QString(), T("No se pudo traducir el versículo (revisa la API key de OpenAI)"));
         else
             done(translated, QString());
     });

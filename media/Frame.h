@@ -13,7 +13,7 @@ struct Frame
     std::vector<std::uint8_t> pixels;
 
     Frame() = default;
-    // Opaque black; both sides must lie in 1..8192, else std::runtime_error "Invalid frame dimensions".
+    // Opaque black; both sides must lie in 1..8192, else std::runtime_error "Tamaño de cuadro inválido".
     Frame(int width, int height);
 
     bool empty() const { return width <= 0 || height <= 0 || pixels.empty(); }

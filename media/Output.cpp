@@ -2,6 +2,7 @@
 
 #include "AudioMix.h"
 #include "Frame.h"
+#include "i18n.h"
 
 #include <gst/app/gstappsrc.h>
 
@@ -210,7 +211,7 @@ GstElement* Output::make(const char* factory)
 {
     GstElement* made = gst_element_factory_make(factory, nullptr);
     if (!made)
-        throw std::runtime_error(std::string("Componente no disponible: ") + factory);
+        throw std::runtime_error((T("Componente no disponible: ") + QString::fromUtf8(factory)).toStdString());
     return made;
 }
 
@@ -298,9 +299,8 @@ void Output::poll()
     gst_message_parse_error(message.get(), &rawError, nullptr);
     const gstptr::Error failure(rawError);
     // Only the code is shown: the element's own message is technical and often English.
-    error = failure ? "Fallo de salida (codigo " + std::to_string(failure->code) +
-                          "). Revisa destino, permisos y codecs."
-                    : "Fallo de salida";
+    error = failure ? T("Fallo de salida (codigo %1). Revisa destino, permisos y codecs.").arg(failure->code).toStdString()
+                    : T("Fallo de salida").toStdString();
     running = false;
 }
 

@@ -12,6 +12,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QScopeGuard>
+#include <QSettings>
 #include <QTest>
 
 namespace {
@@ -71,6 +72,7 @@ void tst_Devices::initTestCase()
     QVERIFY(soundServerEnvironment);
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     QVERIFY(soundServer.clearFolder());
     const QString failure = soundServer.start();
     QVERIFY2(failure.isEmpty(), qPrintable(failure));

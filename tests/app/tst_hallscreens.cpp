@@ -7,6 +7,7 @@
 #include <QLabel>
 #include <QPointer>
 #include <QScreen>
+#include <QSettings>
 #include <QTest>
 #include <QTimer>
 #include <QWindow>
@@ -143,6 +144,7 @@ void tst_HallScreens::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
     QVERIFY2(splitProblem.isEmpty(), qPrintable(splitProblem));
     QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb"));

@@ -44,6 +44,7 @@ void tst_Outputs::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
     folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QDir().mkpath(folder);

@@ -21,6 +21,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QSlider>
+#include <QSettings>
 #include <QTest>
 #include <QTimer>
 #include <QUrl>
@@ -204,6 +205,7 @@ void tst_Project::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
     folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QVERIFY(QDir().mkpath(folder));

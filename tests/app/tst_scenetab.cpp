@@ -16,6 +16,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QTabWidget>
+#include <QSettings>
 #include <QTest>
 #include <QTimer>
 
@@ -144,6 +145,7 @@ void tst_SceneTab::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
     folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QVERIFY(QDir().mkpath(folder));

@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QMessageBox>
 #include <QProgressBar>
+#include <QSettings>
 #include <QTest>
 #include <stdexcept>
 
@@ -39,6 +40,7 @@ void tst_StudioWindow::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
 }
 

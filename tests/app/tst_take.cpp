@@ -10,6 +10,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QTemporaryDir>
+#include <QSettings>
 #include <QTest>
 #include <QUrl>
 
@@ -39,6 +40,7 @@ void tst_Take::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
     videoFile = files.filePath(QStringLiteral("clip.webm"));
     QVERIFY(runToEnd("videotestsrc num-buffers=45 ! video/x-raw,width=320,height=180,framerate=30/1 ! "

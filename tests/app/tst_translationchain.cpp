@@ -116,6 +116,7 @@ void tst_TranslationChain::speechToCaptionsAndVoice()
     service.answer = [&heard](const Request& request) { return serviceAnswer(request, heard); };
     QSettings settings;
     settings.clear();
+    settings.setValue(QStringLiteral("onboarding_complete"), true);
     settings.setValue(QStringLiteral("openai_endpoint"), service.endpoint());
     settings.sync();
 

@@ -129,6 +129,7 @@ void tst_TranslationPanel::init()
     QVERIFY(standIn->listen());
     QSettings settings;
     settings.clear();
+    settings.setValue(QStringLiteral("onboarding_complete"), true);
     settings.setValue(QStringLiteral("openai_endpoint"), standIn->endpoint());
     settings.sync();
     QFile::remove(QFileInfo(StudioWindow::logPath()).path() + QStringLiteral("/secrets.json"));

@@ -142,6 +142,7 @@ void tst_VerseLookup::init()
     QVERIFY(standIn->listen());
     QSettings settings;
     settings.clear();
+    settings.setValue(QStringLiteral("onboarding_complete"), true);
     settings.setValue(QStringLiteral("apibible_endpoint"), standIn->endpoint());
     settings.setValue(QStringLiteral("openai_endpoint"), standIn->endpoint());
     settings.sync();

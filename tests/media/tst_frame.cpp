@@ -36,7 +36,7 @@ void tst_Frame::dimensions()
             tavrin::Frame frame(width, height);
             QFAIL("expected a refusal");
         } catch (const std::runtime_error& error) {
-            QCOMPARE(QByteArray(error.what()), QByteArray("Invalid frame dimensions"));
+            QCOMPARE(QByteArray(error.what()), QByteArray("Tamaño de cuadro inválido"));
         }
         return;
     }

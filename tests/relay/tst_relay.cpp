@@ -13,6 +13,7 @@
 #include <QPushButton>
 #include <QScopeGuard>
 #include <QTcpSocket>
+#include <QSettings>
 #include <QTest>
 
 // The relay of tools/relay as a church runs it: the studio's "Otro RTMP" row sends one stream to the
@@ -32,6 +33,7 @@ void tst_Relay::initTestCase()
 {
     QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
     QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
 }
 

@@ -13,6 +13,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTemporaryDir>
+#include <QSettings>
 #include <QTimer>
 #include <algorithm>
 #include <cstdio>
@@ -135,6 +136,7 @@ int main(int argc, char** argv)
 
     const int code = velmora::runStudio(argc, argv, [&run] {
         run.server = std::make_unique<RtmpServer>(run.folder + QStringLiteral("/rtmp"));
+        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
         auto window = std::make_unique<StudioWindow>(false);
         run.window = window.get();
         if (!run.server->ok())

@@ -1,0 +1,6 @@
+#include "ValidatedPage.h"
+
+bool ValidatedPage::validatePage()
+{
+    return !validator || validator();
+}
