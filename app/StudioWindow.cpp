@@ -80,6 +80,7 @@ StudioWindow::StudioWindow(bool smoke)
     tickTimer.setInterval(5);
     connect(&tickTimer, &QTimer::timeout, this, &StudioWindow::tick);
     tickTimer.start();
+    recoverRecording();
 }
 
 StudioWindow::~StudioWindow()
@@ -249,6 +250,8 @@ void StudioWindow::closeEvent(QCloseEvent* event)
             QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        if (recording->ended)
+            rememberRecording(QString());
     }
     event->accept();
 }
