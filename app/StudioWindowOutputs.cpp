@@ -189,7 +189,9 @@ void StudioWindow::recoverRecording()
         QMetaObject::invokeMethod(
             this,
             [this, path, repaired, failure] {
-                rememberRecording(QString());
+                // A recording started in the meantime is remembered for itself.
+                if (settings.value(unfinishedRecordingKey).toString() == path)
+                    rememberRecording(QString());
                 if (!failure.empty())
                     logLine(QString::fromStdString(failure) + QStringLiteral(": ") + path);
                 notify(repaired.empty() ? T("No se pudo reparar la grabación interrumpida: ") + path
