@@ -291,7 +291,8 @@ bool RtmpServer::waitUntilAccepting()
 }
 
 // A forked child that blocks on a pipe only this process writes to. When the pipe closes, because
-// this process died (a crash, SIGKILL, a failed test's abort), it ends nginx's whole group. Between
+// this process died (a crash, SIGKILL, a failed test's abort), it ends nginx's whole group. It leaves
+// this process's group first, or what ends the group (Ctrl-C, timeout(1)) would end it too. Between
 // fork and exit it makes only async-signal-safe calls.
 void RtmpServer::guardGroup()
 {
@@ -301,6 +302,7 @@ void RtmpServer::guardGroup()
     const pid_t target = pid_t(group);
     const pid_t child = ::fork();
     if (child == 0) {
+        ::setsid();
         ::close(ends[1]);
         char byte;
         while (::read(ends[0], &byte, 1) < 0 && errno == EINTR) {

@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <unistd.h>
 
 // The nginx helper must leave no process behind, whatever state its server is in and however the
 // process that owns it ends.
@@ -48,6 +49,8 @@ void tst_RtmpServer::nothingOutlivesTheServer_data()
     QTest::newRow("stopped") << QStringLiteral("stop");
     QTest::newRow("frozen with SIGSTOP, then stopped") << QStringLiteral("freeze");
     QTest::newRow("owner killed with SIGKILL") << QStringLiteral("kill owner");
+    // As Ctrl-C or timeout(1) end a run: a signal to the owner's whole process group.
+    QTest::newRow("owner's group terminated") << QStringLiteral("terminate group");
 }
 
 void tst_RtmpServer::nothingOutlivesTheServer()
@@ -56,9 +59,10 @@ void tst_RtmpServer::nothingOutlivesTheServer()
     const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/") + QString::fromUtf8(QTest::currentDataTag());
     QDir(folder).removeRecursively();
     qint64 group = 0;
-    if (end == QLatin1String("kill owner")) {
-        // This very program, holding a server until it is killed.
+    if (end != QLatin1String("stop") && end != QLatin1String("freeze")) {
+        // This very program, holding a server until it is killed, in a group of its own.
         QProcess owner;
+        owner.setChildProcessModifier([] { ::setpgid(0, 0); });
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QString::fromLatin1(holderVariable), folder);
         owner.setProcessEnvironment(environment);
@@ -67,7 +71,10 @@ void tst_RtmpServer::nothingOutlivesTheServer()
         group = owner.readLine().trimmed().toLongLong();
         QVERIFY2(group > 0, owner.readAllStandardError().constData());
         QTRY_VERIFY(livingMembers(group) >= 2); // master and worker
-        ::kill(pid_t(owner.processId()), SIGKILL);
+        if (end == QLatin1String("kill owner"))
+            ::kill(pid_t(owner.processId()), SIGKILL);
+        else
+            ::kill(-pid_t(owner.processId()), SIGTERM);
         QVERIFY(owner.waitForFinished());
         QTRY_COMPARE(livingMembers(group), 0);
         return;
