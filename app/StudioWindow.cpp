@@ -80,6 +80,7 @@ StudioWindow::StudioWindow(bool smoke)
     tickTimer.setInterval(5);
     connect(&tickTimer, &QTimer::timeout, this, &StudioWindow::tick);
     tickTimer.start();
+    recoverRecording();
     // From the event loop, so that the wizard opens over a window that is already shown.
     if (!smoke && !settings.value(QStringLiteral("onboarding_complete")).toBool())
         QTimer::singleShot(0, this, &StudioWindow::onboarding);
@@ -252,6 +253,8 @@ void StudioWindow::closeEvent(QCloseEvent* event)
             QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        if (recording->ended)
+            rememberRecording(QString());
     }
     event->accept();
 }

@@ -184,6 +184,10 @@ private:
     void stopStreams();
     void saveStreamKeys();
     void recordPressed();
+    // The running recording's path is kept in the settings until it ends, so that a recording cut
+    // off by a crash is found and repaired, off the GUI thread, at the next start.
+    void rememberRecording(const QString& path);
+    void recoverRecording();
     void reapRetired();
     void frameStage(std::int64_t nowUs);
     void writeDiagnostics(const QImage& preview);

@@ -2,6 +2,7 @@
 
 #include "Frame.h"
 #include "Output.h"
+#include "RecordingRepair.h"
 #include "SecretStore.h"
 #include "StreamTarget.h"
 #include "i18n.h"
@@ -9,6 +10,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
@@ -18,6 +20,8 @@
 namespace {
 
 constexpr int streamBitrate = 6000000;
+
+const QString unfinishedRecordingKey = QStringLiteral("unfinished_recording");
 
 struct Preset
 {
@@ -149,9 +153,55 @@ void StudioWindow::recordPressed()
 void StudioWindow::startRecording(const QString& path)
 {
     recording = std::make_unique<Output>(width, height, false, path.toStdString(), streamBitrate, false);
+    rememberRecording(path);
     recordButton->setText(T("■ Detener grabación"));
     lockFormat();
     notify(T("Grabando Programa y audio seleccionado."));
+}
+
+void StudioWindow::rememberRecording(const QString& path)
+{
+    if (path.isEmpty())
+        settings.remove(unfinishedRecordingKey);
+    else
+        settings.setValue(unfinishedRecordingKey, path);
+    // At once: a crash is exactly when the settings would not be written later.
+    settings.sync();
+}
+
+void StudioWindow::recoverRecording()
+{
+    const QString path = settings.value(unfinishedRecordingKey).toString();
+    if (path.isEmpty())
+        return;
+    if (!QFileInfo::exists(path)) {
+        rememberRecording(QString());
+        return;
+    }
+    logLine(QStringLiteral("Grabación sin terminar, se repara: ") + path);
+    // Like a tear-down, on a worker that the destructor waits for; the result comes back through the
+    // event loop, which drops it if the window is gone by then.
+    retired.push_back(std::async(std::launch::async, [this, path] {
+        std::string repaired;
+        std::string failure;
+        try {
+            repaired = repairRecording(path.toStdString());
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
+        QMetaObject::invokeMethod(
+            this,
+            [this, path, repaired, failure] {
+                // A recording started in the meantime is remembered for itself.
+                if (settings.value(unfinishedRecordingKey).toString() == path)
+                    rememberRecording(QString());
+                if (!failure.empty())
+                    logLine(QString::fromStdString(failure) + QStringLiteral(": ") + path);
+                notify(repaired.empty() ? T("No se pudo reparar la grabación interrumpida: ") + path
+                                        : T("Grabación interrumpida reparada: ") + QString::fromStdString(repaired));
+            },
+            Qt::QueuedConnection);
+    }));
 }
 
 void StudioWindow::retire(std::unique_ptr<Output> output)
@@ -184,6 +234,8 @@ void StudioWindow::pushOutputs(const QImage& streamProgram, const std::vector<fl
     if (recording) {
         recording->push(frame, audio, pts);
         if (!recording->running) {
+            if (recording->ended)
+                rememberRecording(QString());
             notify(recording->ended && recording->error.empty() ? T("Grabación guardada correctamente")
                                                                  : T(recording->error.c_str()));
             retire(std::move(recording));

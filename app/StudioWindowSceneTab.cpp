@@ -4,6 +4,7 @@
 #include "Frame.h"
 #include "Media.h"
 #include "PropertyPanel.h"
+#include "SceneLimits.h"
 #include "i18n.h"
 
 #include <QComboBox>
@@ -215,6 +216,7 @@ Layer* StudioWindow::selectedLayer()
 void StudioWindow::addLayer(Layer layer)
 {
     SceneDef& target = scene();
+    requireLayerRoom(target);
     if (layer.name.isEmpty())
         layer.name = Layer::label(layer.kind) + u' ' + QString::number(target.layers.size() + 1);
     target.layers.push_back(std::move(layer));
@@ -245,6 +247,7 @@ void StudioWindow::addImageLayer(const QString& path)
 
 void StudioWindow::addVideoLayer(const QString& address)
 {
+    requireLayerRoom(scene());
     Layer video = layerOfKind(Layer::Kind::Video);
     video.media = openMedia(address);
     video.uri = address;
@@ -254,6 +257,7 @@ void StudioWindow::addVideoLayer(const QString& address)
 
 void StudioWindow::addScreenLayer()
 {
+    requireLayerRoom(scene());
     Layer screen = layerOfKind(Layer::Kind::Screen);
     screen.media = std::make_shared<Media>(width, height, nullptr, std::string(), false, true);
     addLayer(screen);
@@ -309,6 +313,7 @@ void StudioWindow::restartSelectedVideo()
 void StudioWindow::newSceneRequested()
 {
     auto& busScenes = scenes[editTarget];
+    requireSceneRoom(busScenes);
     const QString name = QInputDialog::getText(this, T("Nueva escena"), T("Nombre"), QLineEdit::Normal,
                                                T("Escena") + u' ' + QString::number(busScenes.size() + 1));
     if (name.isEmpty())
@@ -332,9 +337,10 @@ void StudioWindow::renameSceneRequested()
 
 void StudioWindow::duplicateScene()
 {
+    auto& busScenes = scenes[editTarget];
+    requireSceneRoom(busScenes);
     SceneDef copy = scene();
     copy.name += u' ' + T("copia");
-    auto& busScenes = scenes[editTarget];
     busScenes.insert(busScenes.begin() + current[editTarget] + 1, std::move(copy));
     ++current[editTarget];
     refreshSceneList();

@@ -1,5 +1,6 @@
 #include "ProjectFile.h"
 
+#include "SceneLimits.h"
 #include "i18n.h"
 
 #include <QFile>
@@ -27,6 +28,13 @@ QJsonArray scenesToJson(const std::vector<SceneDef>& scenes)
 std::vector<SceneDef> scenesFromJson(const QJsonValue& value)
 {
     const QJsonArray array = value.toArray();
+    // Checked before anything is built: a file beyond the bounds is refused whole.
+    if (std::size_t(array.size()) > maxScenesPerList)
+        throw std::runtime_error("Proyecto inválido");
+    for (const QJsonValue& element : array) {
+        if (std::size_t(element.toObject().value(QStringLiteral("layers")).toArray().size()) > maxLayersPerScene)
+            throw std::runtime_error("Proyecto inválido");
+    }
     std::vector<SceneDef> scenes;
     scenes.reserve(std::size_t(array.size()));
     for (const QJsonValue& element : array)

@@ -35,7 +35,8 @@ inline constexpr int projectVersion = 3;
 QByteArray writeProject(const ProjectData& project);
 
 // Parses and checks a document. Throws std::runtime_error with the user-facing Spanish message when
-// the version or the gain is not acceptable. Versions 1, 2 and 3 are read.
+// the version or the gain is not acceptable, or a list holds more scenes or a scene more layers than
+// SceneLimits.h allows. Versions 1, 2 and 3 are read.
 ProjectData readProject(const QByteArray& bytes);
 
 // index limited to 0 .. count - 1; 0 when count is 0.

@@ -5,6 +5,7 @@
 #include "Output.h"
 #include "Picture.h"
 #include "PictureCentre.h"
+#include "SceneLimits.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -402,6 +403,17 @@ void tst_Project::refusedFilesChangeNothing_data()
                                    << version;
     QTest::newRow("no gain") << QByteArray(R"({"version":3,"vertical":true,"scenes":[{"name":"Otra"}]})")
                              << false << QStringLiteral("Opciones de proyecto inválidas");
+    // Generated past the bounds: a scene list too long, a scene too full.
+    QByteArray longList = R"({"version":3,"gain":100,"vertical":true,"scenes":[)";
+    for (std::size_t scene = 0; scene <= maxScenesPerList; ++scene)
+        longList += R"({"name":"Escena"},)";
+    longList.chop(1);
+    QTest::newRow("too many scenes") << longList + "]}" << false << QStringLiteral("Proyecto inválido");
+    QByteArray fullScene = R"({"version":3,"gain":100,"vertical":true,"hall":[{"name":"Sala","layers":[)";
+    for (std::size_t layer = 0; layer <= maxLayersPerScene; ++layer)
+        fullScene += R"({"kind":"text","text":"Bienvenidos","size":400},)";
+    fullScene.chop(1);
+    QTest::newRow("too many layers") << fullScene + "]}]}" << false << QStringLiteral("Proyecto inválido");
     QTest::newRow("while recording") << good << true
                                      << QStringLiteral("Detén salidas antes de abrir/guardar proyecto");
 }

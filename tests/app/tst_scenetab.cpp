@@ -2,6 +2,7 @@
 #include "Frame.h"
 #include "Media.h"
 #include "PropertyPanel.h"
+#include "SceneLimits.h"
 #include "StudioWindow.h"
 
 #include <QApplication>
@@ -89,6 +90,8 @@ private Q_SLOTS:
     void sourceMenuEntries_data();
     void sourceMenuEntries();
     void oneSubtitleSourcePerScene();
+    void fullListsRefuseMore_data();
+    void fullListsRefuseMore();
     void sourceListShowsTheFrontOnTop();
     void upDownAndRemove();
     void imageBoxFollowsThePicture_data();
@@ -349,6 +352,41 @@ void tst_SceneTab::oneSubtitleSourcePerScene()
     }
     QCOMPARE(window.scenes[0][0].layers.back().kind, Layer::Kind::Subtitle);
     QCOMPARE(window.scenes[0][1].layers.back().kind, Layer::Kind::Subtitle);
+}
+
+void tst_SceneTab::fullListsRefuseMore_data()
+{
+    QTest::addColumn<QString>("control");
+    QTest::addColumn<bool>("menuEntry");
+    QTest::addColumn<QString>("refused");
+    const QString layers = QStringLiteral("Esta escena ya tiene el máximo de capas.");
+    const QString scenes = QStringLiteral("Esta lista ya tiene el máximo de escenas.");
+    QTest::newRow("text layer") << QStringLiteral("Texto") << true << layers;
+    QTest::newRow("screen capture, before any pipeline") << QStringLiteral("Captura de pantalla") << true << layers;
+    QTest::newRow("new scene") << QStringLiteral("+ Escena") << false << scenes;
+    QTest::newRow("duplicate") << QStringLiteral("Duplicar") << false << scenes;
+}
+
+// A scene and a list at their bounds take nothing more, and say why.
+void tst_SceneTab::fullListsRefuseMore()
+{
+    QFETCH(QString, control);
+    QFETCH(bool, menuEntry);
+    QFETCH(QString, refused);
+    StudioWindow window(false);
+    window.scene().layers.resize(maxLayersPerScene);
+    window.scenes[0].resize(maxScenesPerList, window.scenes[0].front());
+    window.refreshSceneList();
+    QString seen;
+    answerBox(QMessageBox::Ok, &seen);
+    if (menuEntry)
+        sourceEntry(window, control)->trigger();
+    else
+        buttonNamed(window, control)->click();
+    QCOMPARE(seen, refused);
+    QCOMPARE(window.statusLabel->text(), refused);
+    QCOMPARE(window.scenes[0].size(), maxScenesPerList);
+    QCOMPARE(window.scene().layers.size(), maxLayersPerScene);
 }
 
 void tst_SceneTab::sourceListShowsTheFrontOnTop()

@@ -137,6 +137,7 @@ private Q_SLOTS:
     void failedConnection();
     void sizeChangeStops();
     void gapCarriesElapsedTime();
+    void recordingEncoderThreadsFollowCores();
 };
 
 void tst_Output::initTestCase()
@@ -368,6 +369,20 @@ void tst_Output::gapCarriesElapsedTime()
     output.push(picture(size, 0), tone(0), start - 1);
     QCOMPARE(output.videoPts, std::uint64_t(33333333));
     QCOMPARE(output.audioPts, std::uint64_t(33333333));
+}
+
+// Two VP8 row threads only where a third core keeps them from spinning against the rest of the studio.
+void tst_Output::recordingEncoderThreadsFollowCores()
+{
+    Output output(320, 240, false, outputFolder(QStringLiteral("threads.webm")).toStdString(), 6000000, false);
+    GstIterator* encoders = gst_bin_iterate_all_by_element_factory_name(GST_BIN(output.pipeline.get()), "vp8enc");
+    GValue item = G_VALUE_INIT;
+    QCOMPARE(gst_iterator_next(encoders, &item), GST_ITERATOR_OK);
+    int threads = 0;
+    g_object_get(g_value_get_object(&item), "threads", &threads, nullptr);
+    g_value_unset(&item);
+    gst_iterator_free(encoders);
+    QCOMPARE(threads, g_get_num_processors() >= 3 ? 2 : 1);
 }
 
 QTEST_GUILESS_MAIN(tst_Output)

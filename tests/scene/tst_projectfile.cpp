@@ -1,4 +1,5 @@
 #include "ProjectFile.h"
+#include "SceneLimits.h"
 #include "i18n.h"
 
 #include <QDir>
@@ -251,6 +252,17 @@ void tst_ProjectFile::reading_data()
     QTest::newRow("gain 201") << QByteArray(R"({"version":3,"gain":201})") << options;
     QTest::newRow("gain 0") << QByteArray(R"({"version":3,"gain":0})") << QString();
     QTest::newRow("gain 200, version 1") << QByteArray(R"({"version":1,"gain":200})") << QString();
+
+    // Generated projects at the bounds and one past them, in either list.
+    const auto project = [](const char* list, std::size_t sceneCount, std::size_t layerCount) {
+        const SceneDef scene{QStringLiteral("Culto"), std::vector<Layer>(layerCount, layerOf(Layer::Kind::Text, "T"))};
+        return QByteArray(R"({"version":3,"gain":100,")") + list + "\":" + json(std::vector<SceneDef>(sceneCount, scene)) + '}';
+    };
+    QTest::newRow("scenes at the bound") << project("scenes", maxScenesPerList, 1) << QString();
+    QTest::newRow("one scene more") << project("scenes", maxScenesPerList + 1, 1) << file;
+    QTest::newRow("hall scenes, one more") << project("hall", maxScenesPerList + 1, 0) << file;
+    QTest::newRow("layers at the bound") << project("hall", 2, maxLayersPerScene) << QString();
+    QTest::newRow("one layer more") << project("scenes", 2, maxLayersPerScene + 1) << file;
 }
 
 void tst_ProjectFile::reading()

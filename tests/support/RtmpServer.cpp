@@ -10,8 +10,11 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+#include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -162,6 +165,8 @@ bool RtmpServer::start()
         nginx = std::make_unique<QProcess>();
         nginx->setProcessChannelMode(QProcess::MergedChannels);
         nginx->setWorkingDirectory(dir);
+        // Its own group, led by the master: the workers and what they start can be ended together.
+        nginx->setChildProcessModifier([] { ::setpgid(0, 0); });
         nginx->start(program,
                      {QStringLiteral("-c"), dir + QStringLiteral("/nginx.conf"), QStringLiteral("-p"),
                       dir + QLatin1Char('/'), QStringLiteral("-e"), dir + QStringLiteral("/error.log")});
@@ -170,6 +175,8 @@ bool RtmpServer::start()
             nginx.reset();
             return false;
         }
+        group = nginx->processId();
+        guardGroup();
         if (waitUntilAccepting())
             return true;
         stop();
@@ -283,6 +290,53 @@ bool RtmpServer::waitUntilAccepting()
     return true;
 }
 
+// A forked child that blocks on a pipe only this process writes to. When the pipe closes, because
+// this process died (a crash, SIGKILL, a failed test's abort), it ends nginx's whole group. It leaves
+// this process's group first, or what ends the group (Ctrl-C, timeout(1)) would end it too. Between
+// fork and exit it makes only async-signal-safe calls.
+void RtmpServer::guardGroup()
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return;
+    const pid_t target = pid_t(group);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::setsid();
+        ::close(ends[1]);
+        char byte;
+        while (::read(ends[0], &byte, 1) < 0 && errno == EINTR) {
+        }
+        ::kill(-target, SIGCONT);
+        ::kill(-target, SIGKILL);
+        ::_exit(0);
+    }
+    ::close(ends[0]);
+    if (child < 0) {
+        ::close(ends[1]);
+        return;
+    }
+    watchdog = child;
+    lifeline = ends[1];
+}
+
+void RtmpServer::endGroup()
+{
+    if (group > 0) {
+        // SIGKILL ends even a frozen process; the workers need no grace once the master has gone.
+        ::kill(-pid_t(group), SIGKILL);
+        group = 0;
+    }
+    if (watchdog > 0) {
+        // Another server's watchdog may hold this one's pipe open too: end it directly.
+        ::close(lifeline);
+        ::kill(pid_t(watchdog), SIGKILL);
+        ::waitpid(pid_t(watchdog), nullptr, 0);
+        watchdog = 0;
+        lifeline = -1;
+    }
+}
+
 void RtmpServer::stop()
 {
     running = false;
@@ -290,15 +344,15 @@ void RtmpServer::stop()
         return;
     if (nginx->state() != QProcess::NotRunning) {
         // Graceful quit first: connections that are closing get read to the end, so a recording
-        // holds everything the client sent. Then harder, each step bounded.
-        ::kill(pid_t(nginx->processId()), SIGQUIT);
+        // holds everything the client sent. A frozen server is woken for it. Then harder, each step
+        // bounded.
+        ::kill(-pid_t(group), SIGCONT);
+        ::kill(pid_t(group), SIGQUIT);
         if (!nginx->waitForFinished(5000)) {
-            nginx->terminate();
-            if (!nginx->waitForFinished(3000)) {
-                nginx->kill();
-                nginx->waitForFinished(3000);
-            }
+            nginx->kill();
+            nginx->waitForFinished(3000);
         }
     }
+    endGroup();
     nginx.reset();
 }

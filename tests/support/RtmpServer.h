@@ -11,7 +11,8 @@ class QProcess;
 // module, with a server certificate for 127.0.0.1 and localhost signed by a test authority made here
 // (caCertificate()); trusting that authority is the client's own business.
 // The constructor returns once the ports accept connections, or with ok() false and errorString() set;
-// the destructor stops nginx.
+// the destructor stops nginx. nginx runs in a process group of its own, which stop() ends whole, and
+// which a watchdog child ends when this process dies, however it dies: no worker is ever left behind.
 class RtmpServer
 {
 public:
@@ -42,12 +43,16 @@ public:
 
     // A loopback port that nothing listened on a moment ago.
     static quint16 freePort();
+    // nginx's process group while it runs, else 0.
+    qint64 processGroup() const { return group; }
 
 private:
     bool start();
     bool makeCertificates();
     bool writeConfig(const QString& rtmpModule, const QString& streamModule);
     bool waitUntilAccepting();
+    void guardGroup();
+    void endGroup();
 
     QString dir;
     bool tls = false;
@@ -56,4 +61,7 @@ private:
     quint16 rtmpPort = 0;
     quint16 rtmpsPort = 0;
     std::unique_ptr<QProcess> nginx;
+    qint64 group = 0;
+    qint64 watchdog = 0;
+    int lifeline = -1; // the write end of the watchdog's pipe; closing it, or dying, releases it
 };

@@ -93,6 +93,23 @@ void stop(SoakRun& run)
               [&run] { finish(run); }, 30000, run, "the recording did not finish");
 }
 
+void startOutputs(SoakRun& run)
+{
+    StudioWindow& window = *run.window;
+    for (int row = 0; row < run.streams; ++row) {
+        window.findChild<QLineEdit*>(QStringLiteral("server-%1").arg(row))
+            ->setText(QStringLiteral("rtmp://127.0.0.1:%1/app").arg(run.server->port()));
+        window.findChild<QLineEdit*>(QStringLiteral("key-%1").arg(row))->setText(streamKey(row));
+        window.destination(std::size_t(row));
+    }
+    window.startRecording(run.folder + QStringLiteral("/program.webm"));
+    run.measuring = true;
+    QTimer::singleShot(run.seconds * 1000, [&run] { stop(run); });
+}
+
+// As an operator does: sources connected and Program on the air first, the outputs a moment later.
+// Started in one handler, the sources' start-up would hold the GUI thread, and the frames caught up
+// after it would meet the encoders in a burst, before they have coded a single frame.
 void start(SoakRun& run)
 {
     StudioWindow& window = *run.window;
@@ -103,15 +120,7 @@ void start(SoakRun& run)
         if (run.measuring)
             run.stageMs.push_back(ms);
     };
-    for (int row = 0; row < run.streams; ++row) {
-        window.findChild<QLineEdit*>(QStringLiteral("server-%1").arg(row))
-            ->setText(QStringLiteral("rtmp://127.0.0.1:%1/app").arg(run.server->port()));
-        window.findChild<QLineEdit*>(QStringLiteral("key-%1").arg(row))->setText(streamKey(row));
-        window.destination(std::size_t(row));
-    }
-    window.startRecording(run.folder + QStringLiteral("/program.webm"));
-    run.measuring = true;
-    QTimer::singleShot(run.seconds * 1000, [&run] { stop(run); });
+    QTimer::singleShot(1000, [&run] { startOutputs(run); });
 }
 
 } // namespace
