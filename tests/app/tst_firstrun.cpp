@@ -1,3 +1,4 @@
+#include "ChildCase.h"
 #include "SecretStore.h"
 #include "StudioWindow.h"
 #include "i18n.h"
@@ -12,13 +13,10 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
-#include <QProcess>
 #include <QPushButton>
-#include <QRegularExpression>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QTabBar>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QWizard>
@@ -45,37 +43,9 @@ const QString noBus = QStringLiteral("none");
 
 void runChild(const QString& peer)
 {
-    const QString caseName = QString::fromLatin1(QTest::currentTestFunction()) + u':' +
-                             QString::fromUtf8(QTest::currentDataTag());
-    const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/") +
-                           QString(caseName).replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_-]")), QStringLiteral("_"));
-    QDir(folder).removeRecursively();
-    QVERIFY(QDir().mkpath(folder));
-    const QTemporaryDir runtime; // sockets need a short path
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
-        environment.insert(QLatin1String(name), folder + u'/' + QLatin1String(name));
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
-    environment.insert(QString::fromLatin1(peerVariable), peer);
-    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
-        environment.remove(QLatin1String(name));
-    const QString self = QCoreApplication::applicationFilePath();
-    QString program = self;
-    QStringList arguments{caseName};
-    if (peer == keyring) {
-        program = QStringLiteral("dbus-run-session");
-        arguments = {QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
-                     QStringLiteral("printf %s test-password | gnome-keyring-daemon --unlock --components=secrets "
-                                    ">/dev/null || exit 97; exec \"$0\" \"$1\""),
-                     self, caseName};
-    }
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    QVERIFY2(process.waitForStarted(10000), qPrintable(program + QStringLiteral(" did not start")));
-    QVERIFY2(process.waitForFinished(60000), qPrintable(caseName + QStringLiteral(" did not finish within 60 s")));
-    const QString report = QString::fromUtf8(process.readAllStandardOutput() + process.readAllStandardError());
-    QVERIFY2(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0, qPrintable(report));
+    const ChildOutcome outcome = runCaseInChild(QStringLiteral(VELMORA_TEST_OUTPUT), peerVariable, peer,
+                                                peer == keyring ? ChildBus::Keyring : ChildBus::None);
+    QVERIFY2(outcome.passed, qPrintable(outcome.report));
 }
 
 // Runs `step` from the event loop after the window's start-up work, with the modal dialog that is

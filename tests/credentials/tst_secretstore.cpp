@@ -1,3 +1,4 @@
+#include "ChildCase.h"
 #include "GstPtr.h"
 #include "SecretStore.h"
 
@@ -9,7 +10,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <gio/gio.h>
@@ -137,60 +137,15 @@ private:
 // fails with the child's output unless it passed.
 void runChild(const QString& peer)
 {
-    const QString function = QString::fromLatin1(QTest::currentTestFunction());
-    const QString tag = QString::fromUtf8(QTest::currentDataTag());
-    const QString caseName = tag.isEmpty() ? function : function + u':' + tag;
-    const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/") +
-                           QString(caseName).replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_-]")), QStringLiteral("_"));
-    QDir(folder).removeRecursively();
-    QVERIFY(QDir().mkpath(folder + QStringLiteral("/HOME")));
-    // The runtime folder holds sockets, whose paths must stay short.
-    const QTemporaryDir runtime;
-    QVERIFY(runtime.isValid());
-
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
-        environment.insert(QLatin1String(name), folder + u'/' + QLatin1String(name));
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
-    environment.insert(QString::fromLatin1(peerVariable), peer);
-    // No display: nothing may fall back to an X11 bus or a graphical unlock prompt.
-    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"})
-        environment.remove(QLatin1String(name));
-    if (peer == busNowhere)
-        environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                           QStringLiteral("unix:path=") + runtime.path() + QStringLiteral("/no-bus"));
-
-    const QString self = QCoreApplication::applicationFilePath();
-    QString program = self;
-    QStringList arguments{caseName};
-    if (peer == keyring || peer == silentService) {
-        for (const char* tool : {"dbus-run-session", "gnome-keyring-daemon", "secret-tool"})
-            QVERIFY2(!QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty(),
-                     qPrintable(QStringLiteral("%1 is missing: tools/deps.sh test installs it").arg(QLatin1String(tool))));
-        program = QStringLiteral("dbus-run-session");
-        if (peer == keyring)
-            arguments = {QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
-                         QStringLiteral("printf %s test-password | gnome-keyring-daemon --unlock --components=secrets "
-                                        ">/dev/null || { echo 'gnome-keyring-daemon did not start' >&2; exit 97; }; "
-                                        "exec \"$0\" \"$1\""),
-                         self, caseName};
-        else
-            arguments = {QStringLiteral("--"), self, caseName};
-    }
-
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    QVERIFY2(process.waitForStarted(10000), qPrintable(program + QStringLiteral(" did not start")));
-    // A child that hangs is killed with `process`.
-    QVERIFY2(process.waitForFinished(60000), qPrintable(caseName + QStringLiteral(" did not finish within 60 s")));
-    const QString output = QString::fromUtf8(process.readAllStandardOutput());
-    const QString errors = QString::fromUtf8(process.readAllStandardError());
-    const QString report = QStringLiteral("%1 under \"%2\" gave:\n%3\n%4").arg(caseName, peer, output, errors);
-    QVERIFY2(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0, qPrintable(report));
+    const ChildBus bus = peer == keyring         ? ChildBus::Keyring
+                         : peer == silentService ? ChildBus::Empty
+                         : peer == busNowhere    ? ChildBus::Nowhere
+                                                 : ChildBus::None;
+    const ChildOutcome outcome = runCaseInChild(QStringLiteral(VELMORA_TEST_OUTPUT), peerVariable, peer, bus);
+    QVERIFY2(outcome.passed, qPrintable(outcome.report));
     // Without any Secret Service the store stays silent: no warning reaches the terminal.
     if (peer == noBus || peer == busNowhere)
-        QVERIFY2(errors.trimmed().isEmpty(), qPrintable(report));
+        QVERIFY2(outcome.errors.trimmed().isEmpty(), qPrintable(outcome.report));
 }
 
 } // namespace
