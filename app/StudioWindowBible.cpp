@@ -13,20 +13,9 @@
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QRegularExpression>
 #include <stdexcept>
 
 namespace {
-
-// A failure of API.Bible or of the verse translation in the interface language. "sin respuesta"
-// may carry the HTTP status, which the table's key does not.
-QString shownError(const QString& error)
-{
-    static const QRegularExpression status(QStringLiteral(R"( \(HTTP \d+\)$)"));
-    const QRegularExpressionMatch found = status.match(error);
-    const QString text = found.hasMatch() ? error.left(found.capturedStart()) : error;
-    return T(text.toUtf8().constData()) + found.captured();
-}
 
 struct BibleChoice
 {
@@ -140,7 +129,7 @@ void StudioWindow::lookupVerse(int layerIndex, const QString& text)
             if (!stillVerse())
                 return;
             if (!error.isEmpty()) {
-                notify(shownError(error) + QStringLiteral(" · ") + T("se mantiene RV1909"));
+                notify(error + QStringLiteral(" · ") + T("se mantiene RV1909"));
                 return;
             }
             QString label = T("API.Bible");
@@ -164,7 +153,7 @@ void StudioWindow::lookupVerse(int layerIndex, const QString& text)
         if (!stillVerse())
             return;
         if (!error.isEmpty()) {
-            notify(shownError(error));
+            notify(error);
             return;
         }
         applyReply(reply, T("traducción automática"), citation);
@@ -207,7 +196,7 @@ void StudioWindow::listOnlineBibles()
     // API.Bible names languages by their ISO 639-3 code.
     bibleApi.bibles(key, QStringLiteral("spa"), [this](const QList<std::pair<QString, QString>>& found, const QString& error) {
         if (!error.isEmpty()) {
-            notify(shownError(error));
+            notify(error);
             return;
         }
         onlineBibleCombo->clear();

@@ -21,8 +21,8 @@ QString apiBibleEndpoint();
 QString aiServiceEndpoint();
 
 // Thin asynchronous client of API.Bible, for Bibles the program does not carry. Every call
-// answers once through `done` on the main thread, with a result or an error text, never both;
-// nothing throws. The key travels only in the "api-key" header and is never logged. A reply
+// answers once through `done` on the main thread, with a result or an error text already in the
+// interface language, never both; nothing throws. The key travels only in the "api-key" header and is never logged. A reply
 // still on its way when the client is destroyed is dropped without calling `done`.
 class Api
 {
