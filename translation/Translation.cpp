@@ -49,8 +49,24 @@ Translation::~Translation()
 {
     ++generation;
     running = false;
+    abortReplies();
+}
+
+void Translation::abortReplies()
+{
     for (QNetworkReply* reply : net.findChildren<QNetworkReply*>())
         reply->abort();
+}
+
+// Lets go of the phrase under way and of everything measured of it.
+void Translation::dropPhrase()
+{
+    pcm.clear();
+    frames.clear();
+    phraseEnergy = 0.0;
+    frameEnergy = 0.0;
+    silentRun = 0;
+    voicedCount = 0;
 }
 
 void Translation::start(const QString& key, const QString& target, bool withVoice, const QString& source)
@@ -99,14 +115,9 @@ void Translation::stop()
     ready.clear();
     cutTimes.clear();
     recent.clear();
-    pcm.clear();
-    frames.clear();
+    dropPhrase();
     decimationSum = 0.0;
     decimationCount = 0;
-    frameEnergy = 0.0;
-    phraseEnergy = 0.0;
-    silentRun = 0;
-    voicedCount = 0;
     inFlight = 0;
     nextId = 0;
     nextShow = 0;
@@ -114,8 +125,7 @@ void Translation::stop()
     audioRoute = false;
     previousOriginal.clear();
     previousTranslation.clear();
-    for (QNetworkReply* reply : net.findChildren<QNetworkReply*>())
-        reply->abort();
+    abortReplies();
 }
 
 void Translation::feed(const tavrin::AudioBlock& block)
@@ -174,12 +184,7 @@ void Translation::addSample(double x)
     } else if (n >= fullPhrase) {
         cut(CutKind::Quietest);
     } else if (n >= silenceFlush) {
-        pcm.clear();
-        frames.clear();
-        phraseEnergy = 0.0;
-        frameEnergy = 0.0;
-        silentRun = 0;
-        voicedCount = 0;
+        dropPhrase();
     }
 }
 

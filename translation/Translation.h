@@ -102,6 +102,8 @@ public:
 
 private:
     enum class CutKind { Pause, Quietest };
+    void abortReplies();
+    void dropPhrase();
     void addSample(double mono);
     void cut(CutKind kind);
     void handleCut(std::vector<std::int16_t> first, std::vector<std::int16_t> rest, bool speech);
