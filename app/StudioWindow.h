@@ -160,6 +160,10 @@ private:
     void translatePressed();
     void startTranslation(const QString& key);
     void stopTranslation();
+    // The button back to its idle text, and the screens and the voice emptied.
+    void showSessionEnded();
+    // The key field, or the stored key when the field is empty.
+    QString aiKey() const;
     void clearCaptions();
     void directionChosen(const QString& target);
     void testAiKey();

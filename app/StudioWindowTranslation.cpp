@@ -148,11 +148,8 @@ void StudioWindow::bindTranslation()
         logLine(QStringLiteral("IA: ") + text);
         statusLabel->setText(T("IA: ") + text);
         // A fatal reply reports while the session still runs: its captions stay until the next press.
-        if (translation.running)
-            return;
-        translateButton->setText(T("Iniciar traducción"));
-        clearCaptions();
-        voiceAudio.clear();
+        if (!translation.running)
+            showSessionEnded();
     };
     translation.voiceAudio = [this](const QByteArray& speech) {
         // A new speech cuts off the old one, so that the voice never falls behind the captions.
@@ -189,9 +186,20 @@ void StudioWindow::startTranslation(const QString& key)
 void StudioWindow::stopTranslation()
 {
     translation.stop();
+    showSessionEnded();
+}
+
+void StudioWindow::showSessionEnded()
+{
     translateButton->setText(T("Iniciar traducción"));
     clearCaptions();
     voiceAudio.clear();
+}
+
+QString StudioWindow::aiKey() const
+{
+    const QString typed = aiKeyField->text().trimmed();
+    return typed.isEmpty() ? readSecret(QStringLiteral("openai")) : typed;
 }
 
 void StudioWindow::clearCaptions()
@@ -222,10 +230,7 @@ void StudioWindow::directionChosen(const QString& target)
     if (translation.running) {
         try {
             stopTranslation();
-            QString key = aiKeyField->text().trimmed();
-            if (key.isEmpty())
-                key = readSecret(QStringLiteral("openai"));
-            startTranslation(key);
+            startTranslation(aiKey());
         } catch (const std::exception& error) {
             notify(T(error.what()));
         }
@@ -235,9 +240,7 @@ void StudioWindow::directionChosen(const QString& target)
 
 void StudioWindow::testAiKey()
 {
-    QString key = aiKeyField->text().trimmed();
-    if (key.isEmpty())
-        key = readSecret(QStringLiteral("openai"));
+    const QString key = aiKey();
     if (key.isEmpty())
         throw std::runtime_error("Ingresa tu API key");
     storeAiKey(key);
