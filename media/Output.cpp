@@ -39,13 +39,6 @@ int vp8Threads()
     return g_get_num_processors() >= 3 ? 2 : 1;
 }
 
-// Every element of the pipeline is made through Output::make, so one missing plug-in is named and
-// nothing else is started. The pointer owns a full reference until the bin holds its own.
-gstptr::Element element(const char* factory)
-{
-    return gstptr::Element(GST_ELEMENT(gst_object_ref_sink(Output::make(factory))));
-}
-
 void configureSource(GstElement* source, const GstCaps* caps, guint64 maxBuffers)
 {
     g_object_set(source, "caps", caps, "is-live", TRUE, "format", GST_FORMAT_TIME, "block", FALSE,
@@ -72,24 +65,24 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
     output.pipeline.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("tavrin-output"))));
     const bool flv = stream || flvToFile;
 
-    auto videoSource = element("appsrc");
+    auto videoSource = Output::element("appsrc");
     const gstptr::Caps videoCaps(gst_caps_new_simple(
         "video/x-raw", "format", G_TYPE_STRING, "RGBA", "width", G_TYPE_INT, output.width, "height",
         G_TYPE_INT, output.height, "framerate", GST_TYPE_FRACTION, 30, 1, nullptr));
     configureSource(videoSource.get(), videoCaps.get(), videoSourceBuffers);
 
-    auto audioSource = element("appsrc");
+    auto audioSource = Output::element("appsrc");
     const gstptr::Caps audioCaps(gst_caps_new_simple("audio/x-raw", "format", G_TYPE_STRING, "F32LE", "rate",
                                                      G_TYPE_INT, audioRate, "channels", G_TYPE_INT, 2,
                                                      "layout", G_TYPE_STRING, "interleaved", nullptr));
     configureSource(audioSource.get(), audioCaps.get(), audioSourceBuffers);
 
-    auto videoConvert = element("videoconvert");
+    auto videoConvert = Output::element("videoconvert");
     // The RGBA to I420 step runs in the source's streaming thread, before the encoder. On a two-core
     // machine a 1080p picture took 4.7 to 5.1 ms on one thread and 2.6 to 3.1 ms on two, of the
     // 33 ms that each picture has.
     g_object_set(videoConvert.get(), "n-threads", 2u, nullptr);
-    auto i420Filter = element("capsfilter");
+    auto i420Filter = Output::element("capsfilter");
     const gstptr::Caps i420(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", nullptr));
     g_object_set(i420Filter.get(), "caps", i420.get(), nullptr);
 
@@ -98,40 +91,40 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
     gstptr::Element avcFilter;
     if (flv) {
         // No other H.264 encoder is tried: openh264 is what every target ships.
-        videoEncoder = element("openh264enc");
+        videoEncoder = Output::element("openh264enc");
         g_object_set(videoEncoder.get(), "bitrate", guint(bitrate), "rate-control", 1, "gop-size", guint(60),
                      "complexity", 0, "multi-thread", guint(2), nullptr);
         // H.264 as FLV carries it: length-prefixed, whole access units.
-        h264Parse = element("h264parse");
-        avcFilter = element("capsfilter");
+        h264Parse = Output::element("h264parse");
+        avcFilter = Output::element("capsfilter");
         const gstptr::Caps avc(gst_caps_new_simple("video/x-h264", "stream-format", G_TYPE_STRING, "avc",
                                                    "alignment", G_TYPE_STRING, "au", nullptr));
         g_object_set(avcFilter.get(), "caps", avc.get(), nullptr);
     } else {
-        videoEncoder = element("vp8enc");
+        videoEncoder = Output::element("vp8enc");
         g_object_set(videoEncoder.get(), "deadline", gint64(1), "cpu-used", 8, "target-bitrate", bitrate,
                      "threads", vp8Threads(), nullptr);
     }
 
-    auto videoQueue = element("queue");
+    auto videoQueue = Output::element("queue");
     g_object_set(videoQueue.get(), "max-size-time", guint64(1000000000), nullptr);
 
-    auto audioConvert = element("audioconvert");
-    auto audioResample = element("audioresample");
+    auto audioConvert = Output::element("audioconvert");
+    auto audioResample = Output::element("audioresample");
 
     gstptr::Element audioEncoder;
     gstptr::Element aacParse;
     if (flv) {
         // The Media Foundation encoder where Windows has it; voaacenc everywhere else.
         const gstptr::Object<GstElementFactory> mediaFoundation(gst_element_factory_find("mfaacenc"));
-        audioEncoder = element(mediaFoundation ? "mfaacenc" : "voaacenc");
+        audioEncoder = Output::element(mediaFoundation ? "mfaacenc" : "voaacenc");
         g_object_set(audioEncoder.get(), "bitrate", 160000, nullptr);
-        aacParse = element("aacparse");
+        aacParse = Output::element("aacparse");
     } else {
-        audioEncoder = element("vorbisenc");
+        audioEncoder = Output::element("vorbisenc");
     }
-    auto audioQueue = element("queue");
-    auto muxer = element(flv ? "flvmux" : "webmmux");
+    auto audioQueue = Output::element("queue");
+    auto muxer = Output::element(flv ? "flvmux" : "webmmux");
     if (flv) {
         // The sources are live, so flvmux interleaves by the clock: without room to wait, the sound,
         // which encodes faster, goes out ahead of the picture and the picture's times get pushed
@@ -144,7 +137,7 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
 
     gstptr::Element sink;
     if (stream) {
-        sink = element("rtmp2sink");
+        sink = Output::element("rtmp2sink");
         if (target.rfind("rtmps://", 0) != 0 && target.rfind("rtmp://", 0) != 0)
             throw std::runtime_error("Destino debe usar RTMP o RTMPS");
         g_object_set(muxer.get(), "streamable", TRUE, nullptr);
@@ -152,7 +145,7 @@ void build(Output& output, bool stream, const std::string& target, int bitrate, 
         // stream never waits for the network.
         g_object_set(sink.get(), "location", target.c_str(), "sync", FALSE, "async-connect", FALSE, nullptr);
     } else {
-        sink = element("filesink");
+        sink = Output::element("filesink");
         if (target.empty())
             throw std::runtime_error("Selecciona archivo de grabacion");
         g_object_set(sink.get(), "location", target.c_str(), "sync", FALSE, nullptr);
@@ -214,6 +207,11 @@ Output::~Output()
         gst_element_set_state(pipeline.get(), GST_STATE_NULL);
     pipeline.reset();
     bus.reset();
+}
+
+gstptr::Element Output::element(const char* factory)
+{
+    return gstptr::Element(GST_ELEMENT(gst_object_ref_sink(make(factory))));
 }
 
 GstElement* Output::make(const char* factory)

@@ -29,6 +29,10 @@ public:
     // A floating element of that factory, without a name; a missing factory throws
     // "Componente no disponible: " + factory.
     static GstElement* make(const char* factory);
+    // The same, owned: a full reference until a bin holds its own. Every element of the encoders and
+    // of a recording's repair is made this way, so that one missing plug-in is named and nothing else
+    // is started.
+    static gstptr::Element element(const char* factory);
 
     // One pace step: one picture and one audio block (3200 floats, padded with silence or cut to
     // that length), stamped with the time elapsed on the studio clock since the first push. A failure

@@ -21,11 +21,6 @@ struct Remux
     GstElement* check = nullptr; // when reading back: the first picture stream ends here
 };
 
-gstptr::Element element(const char* factory)
-{
-    return gstptr::Element(GST_ELEMENT(gst_object_ref_sink(Output::make(factory))));
-}
-
 // Each stream the demuxer finds goes through a queue into the muxer's pad of its kind; when reading
 // back, only the picture goes on, into a sink. Runs on the demuxer's streaming thread, before the
 // stream's first buffer.
@@ -79,9 +74,9 @@ struct Pipeline
 void readInto(Pipeline& run, const std::string& path, GstElement* muxer, GstElement* check)
 {
     run.remux = {GST_BIN(run.pipeline.get()), muxer, check};
-    auto source = element("filesrc");
+    auto source = Output::element("filesrc");
     g_object_set(source.get(), "location", path.c_str(), nullptr);
-    auto demuxer = element("matroskademux");
+    auto demuxer = Output::element("matroskademux");
     g_signal_connect(demuxer.get(), "pad-added", G_CALLBACK(linkStream), &run.remux);
     gst_bin_add_many(run.remux.bin, source.get(), demuxer.get(), nullptr);
     if (!gst_element_link(source.get(), demuxer.get()))
@@ -93,7 +88,7 @@ bool finished(const std::string& path)
 {
     Pipeline check;
     // The sink is there from the start, so that pausing waits until the first picture reaches it.
-    auto sink = element("fakesink");
+    auto sink = Output::element("fakesink");
     gst_bin_add(GST_BIN(check.pipeline.get()), sink.get());
     readInto(check, path, nullptr, sink.get());
     if (!runUntil(check.pipeline.get(), GST_STATE_PAUSED, GST_MESSAGE_ASYNC_DONE, checkLimitNs))
@@ -122,8 +117,8 @@ std::string repairRecording(const std::string& path)
     bool copied = false;
     {
         Pipeline copy;
-        auto muxer = element("webmmux");
-        auto sink = element("filesink");
+        auto muxer = Output::element("webmmux");
+        auto sink = Output::element("filesink");
         g_object_set(sink.get(), "location", partial.c_str(), nullptr);
         gst_bin_add_many(GST_BIN(copy.pipeline.get()), muxer.get(), sink.get(), nullptr);
         readInto(copy, path, muxer.get(), nullptr);
