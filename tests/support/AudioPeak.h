@@ -1,6 +1,14 @@
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <deque>
 
 // The largest magnitude among float samples, as a peak meter reads it; 0 for none.
-float peakOf(const std::deque<float>& samples);
+inline float peakOf(const std::deque<float>& samples)
+{
+    float peak = 0.0f;
+    for (float sample : samples)
+        peak = std::max(peak, std::abs(sample));
+    return peak;
+}

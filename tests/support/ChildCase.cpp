@@ -8,17 +8,18 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, const QString& peer, ChildBus bus)
+ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, const QString& peer,
+                            ChildBus bus)
 {
     ChildOutcome outcome;
-    const QString function = QString::fromLatin1(QTest::currentTestFunction());
     const QString tag = QString::fromUtf8(QTest::currentDataTag());
-    const QString caseName = tag.isEmpty() ? function : function + u':' + tag;
-    const QString folder = outputFolder + u'/' +
-                           QString(caseName).replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_-]")), QStringLiteral("_"));
+    const QString caseName =
+        QString::fromLatin1(QTest::currentTestFunction()) + (tag.isEmpty() ? QString() : u':' + tag);
+    const QString folder =
+        outputFolder + u'/' +
+        QString(caseName).replace(QRegularExpression(QStringLiteral("[^A-Za-z0-9_-]")), QStringLiteral("_"));
     QDir(folder).removeRecursively();
-    // The runtime folder holds sockets, whose paths must stay short.
-    const QTemporaryDir runtime;
+    const QTemporaryDir runtime; // it holds sockets, whose paths must stay short
     if (!QDir().mkpath(folder + QStringLiteral("/HOME")) || !runtime.isValid()) {
         outcome.report = QStringLiteral("no folders for ") + caseName;
         return outcome;
@@ -33,7 +34,7 @@ ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, c
         environment.remove(QLatin1String(name));
     if (bus == ChildBus::Nowhere)
         environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                           QStringLiteral("unix:path=") + runtime.path() + QStringLiteral("/no-bus"));
+                           QStringLiteral("unix:path=") + runtime.path() + "/no-bus");
 
     const QString self = QCoreApplication::applicationFilePath();
     QString program = self;
@@ -41,19 +42,23 @@ ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, c
     if (bus == ChildBus::Keyring || bus == ChildBus::Empty) {
         for (const char* tool : {"dbus-run-session", "gnome-keyring-daemon"})
             if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty()) {
-                outcome.report = QStringLiteral("%1 is missing: tools/deps.sh test installs it").arg(QLatin1String(tool));
+                outcome.report =
+                    QStringLiteral("%1 is missing: tools/deps.sh test installs it").arg(QLatin1String(tool));
                 return outcome;
             }
         program = QStringLiteral("dbus-run-session");
         arguments = {QStringLiteral("--"), self, caseName};
         if (bus == ChildBus::Keyring)
-            arguments = {QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
-                         QStringLiteral("printf %s test-password | gnome-keyring-daemon --unlock --components=secrets "
-                                        ">/dev/null || { echo 'gnome-keyring-daemon did not start' >&2; exit 97; }; "
-                                        "exec \"$0\" \"$1\""),
-                         self, caseName};
+            arguments = {
+                QStringLiteral("--"),
+                QStringLiteral("sh"),
+                QStringLiteral("-c"),
+                QStringLiteral("printf %s test-password | gnome-keyring-daemon --unlock --components=secrets "
+                               ">/dev/null || { echo 'gnome-keyring-daemon did not start' >&2; exit 97; }; "
+                               "exec \"$0\" \"$1\""),
+                self,
+                caseName};
     }
-
     QProcess process; // a child that hangs is killed with it
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
@@ -61,9 +66,10 @@ ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, c
         outcome.report = caseName + QStringLiteral(" did not start or did not finish within 60 s");
         return outcome;
     }
-    const QString output = QString::fromUtf8(process.readAllStandardOutput());
     outcome.errors = QString::fromUtf8(process.readAllStandardError());
-    outcome.report = QStringLiteral("%1 under \"%2\" gave:\n%3\n%4").arg(caseName, peer, output, outcome.errors);
+    outcome.report =
+        QStringLiteral("%1 under \"%2\" gave:\n%3\n%4")
+            .arg(caseName, peer, QString::fromUtf8(process.readAllStandardOutput()), outcome.errors);
     outcome.passed = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     return outcome;
 }

@@ -3,6 +3,18 @@
 #include <QProcess>
 #include <QRegularExpression>
 
+namespace {
+
+// The words of `text`, with the file (whose path may hold blanks) in place of %1.
+QStringList words(const char* text, const QString& file)
+{
+    QStringList list = QString::fromLatin1(text).split(u' ');
+    list.replace(list.indexOf(QStringLiteral("%1")), file);
+    return list;
+}
+
+} // namespace
+
 QString runTool(const QString& program, const QStringList& arguments, int* exitCode)
 {
     QProcess process;
@@ -20,16 +32,13 @@ QString runTool(const QString& program, const QStringList& arguments, int* exitC
 QMap<QString, ProbedStream> probeStreams(const QString& file)
 {
     QMap<QString, ProbedStream> streams;
-    const QString text =
-        runTool(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"),
-                                            QStringLiteral("-count_frames"), QStringLiteral("-show_entries"),
-                                            QStringLiteral("stream=codec_name,nb_read_frames,avg_frame_rate"),
-                                            QStringLiteral("-of"), QStringLiteral("csv=p=0"), file});
-    for (const QString& line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        const QStringList fields = line.trimmed().split(QLatin1Char(','));
-        if (fields.size() == 3)
+    const QString text = runTool(QStringLiteral("ffprobe"),
+                                 words("-v error -count_frames -show_entries "
+                                       "stream=codec_name,nb_read_frames,avg_frame_rate -of csv=p=0 %1",
+                                       file));
+    for (const QString& line : text.split(u'\n', Qt::SkipEmptyParts))
+        if (const QStringList fields = line.trimmed().split(u','); fields.size() == 3)
             streams.insert(fields[0], {fields[1], fields[2].toInt()});
-    }
     return streams;
 }
 
@@ -44,8 +53,7 @@ QString describeStreams(const QMap<QString, ProbedStream>& streams)
 double probeDuration(const QString& file)
 {
     return runTool(QStringLiteral("ffprobe"),
-                   {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
-                    QStringLiteral("format=duration"), QStringLiteral("-of"), QStringLiteral("csv=p=0"), file})
+                   words("-v error -show_entries format=duration -of csv=p=0 %1", file))
         .toDouble();
 }
 
@@ -53,18 +61,14 @@ QString playThrough(const QString& file)
 {
     int exitCode = -1;
     const QString complaints =
-        runTool(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), file,
-                                           QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")},
-                &exitCode);
+        runTool(QStringLiteral("ffmpeg"), words("-v error -i %1 -f null -", file), &exitCode);
     return exitCode == 0 ? complaints : QStringLiteral("exit %1: %2").arg(exitCode).arg(complaints);
 }
 
 double meanVolumeDb(const QString& file)
 {
-    const QString report = runTool(QStringLiteral("ffmpeg"),
-                                   {QStringLiteral("-nostats"), QStringLiteral("-i"), file, QStringLiteral("-map"),
-                                    QStringLiteral("0:a"), QStringLiteral("-af"), QStringLiteral("volumedetect"),
-                                    QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
+    const QString report =
+        runTool(QStringLiteral("ffmpeg"), words("-nostats -i %1 -map 0:a -af volumedetect -f null -", file));
     const QRegularExpressionMatch mean =
         QRegularExpression(QStringLiteral("mean_volume: (-?[0-9.]+) dB")).match(report);
     return mean.hasMatch() ? mean.captured(1).toDouble() : -1000.0;

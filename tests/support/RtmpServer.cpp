@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QHostAddress>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTcpServer>
@@ -13,60 +12,39 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-constexpr int startAttempts = 3;
-constexpr int acceptTimeoutMs = 20000;
-constexpr int toolTimeoutMs = 30000;
-
-const QString moduleFolder = QStringLiteral("/usr/lib/nginx/modules/");
+const QString modules = QStringLiteral("/usr/lib/nginx/modules/");
 
 // nginx takes double-quoted strings; the folders here come from the build tree.
-QString quoted(const QString& path)
+QString quoted(QString path)
 {
-    QString escaped = path;
-    escaped.replace(QLatin1Char('\\'), QStringLiteral("\\\\"))
-        .replace(QLatin1Char('"'), QStringLiteral("\\\""));
-    return QLatin1Char('"') + escaped + QLatin1Char('"');
+    return u'"' + path.replace(u'\\', QStringLiteral("\\\\")).replace(u'"', QStringLiteral("\\\"")) + u'"';
 }
 
-bool runTool(const QString& program, const QStringList& arguments, const QString& workingFolder,
-             QString* failure)
-{
-    QProcess process;
-    process.setWorkingDirectory(workingFolder);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
-    if (!process.waitForStarted(toolTimeoutMs)) {
-        *failure = program + QStringLiteral(" could not start: ") + process.errorString();
-        return false;
-    }
-    if (!process.waitForFinished(toolTimeoutMs)) {
-        process.kill();
-        process.waitForFinished(toolTimeoutMs);
-        *failure = program + QStringLiteral(" did not finish");
-        return false;
-    }
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        *failure = program + QLatin1Char(' ') + arguments.join(QLatin1Char(' ')) +
-                   QStringLiteral(" failed: ") + QString::fromLocal8Bit(process.readAll());
-        return false;
-    }
-    return true;
-}
+// A test authority of its own, and a server certificate that names the loopback both ways, so that
+// clients keep full verification, host name included.
+const char* const serverExtensions =
+    "basicConstraints=critical,CA:FALSE\nkeyUsage=critical,digitalSignature\n"
+    "extendedKeyUsage=serverAuth\nsubjectAltName=IP:127.0.0.1,DNS:localhost\n"
+    "subjectKeyIdentifier=hash\nauthorityKeyIdentifier=keyid,issuer\n";
+const char* const certificateCommands[] = {
+    "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout test-ca.key -out test-ca.crt"
+    " -days 30 -subj /CN=velmora-test-ca -addext basicConstraints=critical,CA:TRUE"
+    " -addext keyUsage=critical,keyCertSign,cRLSign",
+    "req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout server.key -out server.csr -subj "
+    "/CN=localhost",
+    "x509 -req -in server.csr -CA test-ca.crt -CAkey test-ca.key -CAcreateserial -out server.crt -days 30"
+    " -extfile server.ext"};
 
-bool writeText(const QString& path, const QString& text, QString* failure)
+bool writeText(const QString& path, const QString& text)
 {
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(text.toUtf8()) < 0) {
-        *failure = QStringLiteral("cannot write ") + path + QStringLiteral(": ") + file.errorString();
-        return false;
-    }
-    return true;
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(text.toUtf8()) >= 0;
 }
 
 } // namespace
@@ -84,36 +62,12 @@ RtmpServer::~RtmpServer()
 quint16 RtmpServer::freePort()
 {
     QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0))
-        return 0;
-    const quint16 port = probe.serverPort();
-    probe.close();
-    return port;
-}
-
-QString RtmpServer::url(const QString& key) const
-{
-    return QStringLiteral("rtmp://127.0.0.1:%1/app/%2").arg(rtmpPort).arg(key);
-}
-
-QString RtmpServer::tlsUrl(const QString& key, const QString& host) const
-{
-    return QStringLiteral("rtmps://%1:%2/app/%3").arg(host).arg(rtmpsPort).arg(key);
-}
-
-QString RtmpServer::recording(const QString& key) const
-{
-    return dir + QLatin1Char('/') + key + QStringLiteral(".flv");
+    return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
 }
 
 bool RtmpServer::publishEnded(const QString& key) const
 {
-    return QFileInfo::exists(dir + QLatin1Char('/') + key + QStringLiteral(".ended"));
-}
-
-QString RtmpServer::caCertificate() const
-{
-    return dir + QStringLiteral("/test-ca.crt");
+    return QFileInfo::exists(dir + u'/' + key + QStringLiteral(".ended"));
 }
 
 QString RtmpServer::log() const
@@ -122,36 +76,49 @@ QString RtmpServer::log() const
     return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
 }
 
+// Runs openssl in the folder to its end, bounded; false with `failure` set when it fails.
+bool RtmpServer::run(const QStringList& arguments)
+{
+    QProcess process;
+    process.setWorkingDirectory(dir);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral("openssl"), arguments);
+    if (process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
+        process.exitCode() == 0)
+        return true;
+    process.kill();
+    failure =
+        QStringLiteral("openssl %1 failed: %2 %3")
+            .arg(arguments.join(u' '), process.errorString(), QString::fromLocal8Bit(process.readAll()));
+    return false;
+}
+
 bool RtmpServer::start()
 {
-    if (!QDir().mkpath(dir)) {
-        failure = QStringLiteral("cannot create ") + dir;
-        return false;
-    }
     // Not every PATH holds the sbin folders.
     QString program = QStandardPaths::findExecutable(QStringLiteral("nginx"));
     if (program.isEmpty())
         program = QStandardPaths::findExecutable(
             QStringLiteral("nginx"), {QStringLiteral("/usr/sbin"), QStringLiteral("/usr/local/sbin")});
-    if (program.isEmpty()) {
+    const QString rtmpModule = modules + QStringLiteral("ngx_rtmp_module.so");
+    const QString streamModule = modules + QStringLiteral("ngx_stream_module.so");
+    if (!QDir().mkpath(dir))
+        failure = QStringLiteral("cannot create ") + dir;
+    else if (program.isEmpty())
         failure = QStringLiteral("nginx not found (packages nginx-light libnginx-mod-rtmp)");
+    else if (!QFileInfo::exists(rtmpModule) || (tls && !QFileInfo::exists(streamModule)))
+        failure =
+            QStringLiteral("nginx module missing: ") + (tls ? streamModule + u' ' : QString()) + rtmpModule;
+    else if (tls && !writeText(dir + QStringLiteral("/server.ext"), QString::fromLatin1(serverExtensions)))
+        failure = QStringLiteral("cannot write in ") + dir;
+    if (!failure.isEmpty())
         return false;
-    }
-    const QString rtmpModule = moduleFolder + QStringLiteral("ngx_rtmp_module.so");
-    const QString streamModule = moduleFolder + QStringLiteral("ngx_stream_module.so");
-    if (!QFileInfo::exists(rtmpModule)) {
-        failure = QStringLiteral("nginx RTMP module missing: ") + rtmpModule;
-        return false;
-    }
-    if (tls && !QFileInfo::exists(streamModule)) {
-        failure = QStringLiteral("nginx stream module missing: ") + streamModule;
-        return false;
-    }
-    if (tls && !makeCertificates())
-        return false;
+    for (const char* command : certificateCommands)
+        if (tls && !run(QString::fromLatin1(command).split(u' ')))
+            return false;
 
     // A port picked as free can be taken before nginx binds it; then nginx exits and we try again.
-    for (int attempt = 0; attempt < startAttempts; ++attempt) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
         rtmpPort = freePort();
         rtmpsPort = tls ? freePort() : 0;
         if (rtmpPort == 0 || (tls && (rtmpsPort == 0 || rtmpsPort == rtmpPort))) {
@@ -159,9 +126,30 @@ bool RtmpServer::start()
             continue;
         }
         QFile::remove(dir + QStringLiteral("/error.log"));
-        if (!writeConfig(rtmpModule, streamModule))
+        // Started as root, the workers would otherwise run as www-data and could not write the records.
+        QString config =
+            QStringLiteral("load_module %1;\n%2%3daemon off;\nworker_processes 1;\npid %4;\nerror_log %5;\n"
+                           "events { worker_connections 64; }\n")
+                .arg(quoted(rtmpModule),
+                     tls ? QStringLiteral("load_module %1;\n").arg(quoted(streamModule)) : "",
+                     ::geteuid() == 0 ? "user root;\n" : "", quoted(dir + QStringLiteral("/nginx.pid")),
+                     quoted(dir + QStringLiteral("/error.log")));
+        config += QStringLiteral("rtmp { server { listen 127.0.0.1:%1; application app {\n"
+                                 "  live on; record all; record_path %2; record_unique off;\n"
+                                 "  exec_publish_done /usr/bin/touch %3; } } }\n")
+                      .arg(rtmpPort)
+                      .arg(quoted(dir), quoted(dir + QStringLiteral("/$name.ended")));
+        if (tls)
+            config += QStringLiteral("stream { server { listen 127.0.0.1:%1 ssl; ssl_certificate %2;\n"
+                                     "  ssl_certificate_key %3; proxy_pass 127.0.0.1:%4; } }\n")
+                          .arg(rtmpsPort)
+                          .arg(quoted(dir + QStringLiteral("/server.crt")),
+                               quoted(dir + QStringLiteral("/server.key")))
+                          .arg(rtmpPort);
+        if (!writeText(dir + QStringLiteral("/nginx.conf"), config)) {
+            failure = QStringLiteral("cannot write in ") + dir;
             return false;
-
+        }
         nginx = std::make_unique<QProcess>();
         nginx->setProcessChannelMode(QProcess::MergedChannels);
         nginx->setWorkingDirectory(dir);
@@ -169,8 +157,8 @@ bool RtmpServer::start()
         nginx->setChildProcessModifier([] { ::setpgid(0, 0); });
         nginx->start(program,
                      {QStringLiteral("-c"), dir + QStringLiteral("/nginx.conf"), QStringLiteral("-p"),
-                      dir + QLatin1Char('/'), QStringLiteral("-e"), dir + QStringLiteral("/error.log")});
-        if (!nginx->waitForStarted(acceptTimeoutMs)) {
+                      dir + u'/', QStringLiteral("-e"), dir + QStringLiteral("/error.log")});
+        if (!nginx->waitForStarted(20000)) {
             failure = QStringLiteral("nginx could not start: ") + nginx->errorString();
             nginx.reset();
             return false;
@@ -184,108 +172,28 @@ bool RtmpServer::start()
     return false;
 }
 
-bool RtmpServer::makeCertificates()
-{
-    const QString openssl = QStandardPaths::findExecutable(QStringLiteral("openssl"));
-    if (openssl.isEmpty()) {
-        failure = QStringLiteral("openssl not found");
-        return false;
-    }
-    // A test authority of its own, and a server certificate that names the loopback both ways, so
-    // that clients can keep full verification, host name included.
-    if (!writeText(dir + QStringLiteral("/server.ext"),
-                   QStringLiteral("basicConstraints=critical,CA:FALSE\n"
-                                  "keyUsage=critical,digitalSignature\n"
-                                  "extendedKeyUsage=serverAuth\n"
-                                  "subjectAltName=IP:127.0.0.1,DNS:localhost\n"
-                                  "subjectKeyIdentifier=hash\n"
-                                  "authorityKeyIdentifier=keyid,issuer\n"),
-                   &failure))
-        return false;
-    const QString ecKey = QStringLiteral(" -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes");
-    for (const QString& command :
-         {QStringLiteral("req -x509") + ecKey +
-              QStringLiteral(" -keyout test-ca.key -out test-ca.crt -days 30 -subj /CN=velmora-test-ca"
-                             " -addext basicConstraints=critical,CA:TRUE"
-                             " -addext keyUsage=critical,keyCertSign,cRLSign"),
-          QStringLiteral("req") + ecKey +
-              QStringLiteral(" -keyout server.key -out server.csr -subj /CN=localhost"),
-          QStringLiteral("x509 -req -in server.csr -CA test-ca.crt -CAkey test-ca.key -CAcreateserial"
-                         " -out server.crt -days 30 -extfile server.ext")}) {
-        if (!runTool(openssl, command.split(QLatin1Char(' ')), dir, &failure))
-            return false;
-    }
-    return true;
-}
-
-bool RtmpServer::writeConfig(const QString& rtmpModule, const QString& streamModule)
-{
-    QString config;
-    config += QStringLiteral("load_module %1;\n").arg(quoted(rtmpModule));
-    if (tls)
-        config += QStringLiteral("load_module %1;\n").arg(quoted(streamModule));
-    // Started as root, the workers would otherwise run as www-data and could not write the records.
-    if (::geteuid() == 0)
-        config += QStringLiteral("user root;\n");
-    config +=
-        QStringLiteral("daemon off;\n"
-                       "worker_processes 1;\n"
-                       "pid %1;\n"
-                       "error_log %2;\n"
-                       "events { worker_connections 64; }\n")
-            .arg(quoted(dir + QStringLiteral("/nginx.pid")), quoted(dir + QStringLiteral("/error.log")));
-    config += QStringLiteral("rtmp {\n"
-                             "  server {\n"
-                             "    listen 127.0.0.1:%1;\n"
-                             "    application app {\n"
-                             "      live on; record all; record_path %2; record_unique off;\n"
-                             "      exec_publish_done /usr/bin/touch %3;\n"
-                             "    }\n"
-                             "  }\n"
-                             "}\n")
-                  .arg(rtmpPort)
-                  .arg(quoted(dir), quoted(dir + QStringLiteral("/$name.ended")));
-    if (tls) {
-        config +=
-            QStringLiteral("stream {\n"
-                           "  server {\n"
-                           "    listen 127.0.0.1:%1 ssl;\n"
-                           "    ssl_certificate %2;\n"
-                           "    ssl_certificate_key %3;\n"
-                           "    proxy_pass 127.0.0.1:%4;\n"
-                           "  }\n"
-                           "}\n")
-                .arg(rtmpsPort)
-                .arg(quoted(dir + QStringLiteral("/server.crt")), quoted(dir + QStringLiteral("/server.key")))
-                .arg(rtmpPort);
-    }
-    return writeText(dir + QStringLiteral("/nginx.conf"), config, &failure);
-}
-
 bool RtmpServer::waitUntilAccepting()
 {
-    const QDeadlineTimer deadline(acceptTimeoutMs);
-    QList<quint16> pending = {rtmpPort};
+    const QDeadlineTimer deadline(20000);
+    QList<quint16> pending{rtmpPort};
     if (tls)
-        pending.append(rtmpsPort);
+        pending << rtmpsPort;
     while (!pending.isEmpty()) {
         QTcpSocket probe;
         probe.connectToHost(QHostAddress::LocalHost, pending.first());
         if (probe.waitForConnected(200)) {
-            probe.abort();
             pending.removeFirst();
             continue;
         }
-        // Between probes: a bounded wait that ends at once if nginx gave up (a port taken, a bad
+        // Between probes, a bounded wait that ends at once if nginx gave up (a port taken, a bad
         // configuration).
-        if (nginx->state() == QProcess::NotRunning || nginx->waitForFinished(100)) {
+        if (nginx->state() == QProcess::NotRunning || nginx->waitForFinished(100))
             failure = QStringLiteral("nginx exited: ") + QString::fromLocal8Bit(nginx->readAll()) + log();
-            return false;
-        }
-        if (deadline.hasExpired()) {
+        else if (deadline.hasExpired())
             failure = QStringLiteral("nginx did not accept connections in time: ") + log();
-            return false;
-        }
+        else
+            continue;
+        return false;
     }
     return true;
 }
@@ -320,32 +228,14 @@ void RtmpServer::guardGroup()
     lifeline = ends[1];
 }
 
-void RtmpServer::endGroup()
-{
-    if (group > 0) {
-        // SIGKILL ends even a frozen process; the workers need no grace once the master has gone.
-        ::kill(-pid_t(group), SIGKILL);
-        group = 0;
-    }
-    if (watchdog > 0) {
-        // Another server's watchdog may hold this one's pipe open too: end it directly.
-        ::close(lifeline);
-        ::kill(pid_t(watchdog), SIGKILL);
-        ::waitpid(pid_t(watchdog), nullptr, 0);
-        watchdog = 0;
-        lifeline = -1;
-    }
-}
-
 void RtmpServer::stop()
 {
     running = false;
     if (!nginx)
         return;
     if (nginx->state() != QProcess::NotRunning) {
-        // Graceful quit first: connections that are closing get read to the end, so a recording
-        // holds everything the client sent. A frozen server is woken for it. Then harder, each step
-        // bounded.
+        // Graceful quit first, so that a recording holds everything the client sent; a frozen server is
+        // woken for it. Then harder, each step bounded.
         ::kill(-pid_t(group), SIGCONT);
         ::kill(pid_t(group), SIGQUIT);
         if (!nginx->waitForFinished(5000)) {
@@ -353,6 +243,14 @@ void RtmpServer::stop()
             nginx->waitForFinished(3000);
         }
     }
-    endGroup();
+    // SIGKILL ends even a frozen worker; they need no grace once the master has gone.
+    if (group > 0)
+        ::kill(-pid_t(std::exchange(group, 0)), SIGKILL);
+    if (watchdog > 0) {
+        // Another server's watchdog may hold this one's pipe open too: end it directly.
+        ::close(std::exchange(lifeline, -1));
+        ::kill(pid_t(watchdog), SIGKILL);
+        ::waitpid(pid_t(std::exchange(watchdog, 0)), nullptr, 0);
+    }
     nginx.reset();
 }

@@ -5,14 +5,13 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 
+#include <utility>
+
 namespace {
 
-constexpr int toolTimeoutMs = 30000;
-
-// Runs one sound server tool for the server in `folder` to its end, with English texts (device names
-// included) whatever the test's language.
-bool runTool(const QString& folder, const QString& program, const QStringList& arguments,
-             QString* output = nullptr)
+// Runs pulseaudio for the server in `folder` to its end, bounded, with English texts (device names
+// included) whatever the test's language; what it printed when it failed, else empty.
+QString pulseaudio(const QString& folder, const QStringList& arguments)
 {
     QProcess tool;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -20,22 +19,13 @@ bool runTool(const QString& folder, const QString& program, const QStringList& a
     environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), folder);
     tool.setProcessEnvironment(environment);
     tool.setProcessChannelMode(QProcess::MergedChannels);
-    tool.start(program, arguments);
-    const bool finished = tool.waitForFinished(toolTimeoutMs);
-    if (output)
-        *output = QString::fromLocal8Bit(tool.readAll());
-    return finished && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
-}
-
-// Stops the server that runs with `folder`, if any.
-void killServer(const QString& folder)
-{
-    runTool(folder, QStringLiteral("pulseaudio"), {QStringLiteral("--kill")});
+    tool.start(QStringLiteral("pulseaudio"), arguments);
+    const bool done =
+        tool.waitForFinished(30000) && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+    return done ? QString() : QStringLiteral("pulseaudio failed: ") + QString::fromLocal8Bit(tool.readAll());
 }
 
 } // namespace
-
-SoundServer::SoundServer(const QString& folder) : dir(folder) {}
 
 SoundServer::~SoundServer()
 {
@@ -52,7 +42,7 @@ void SoundServer::useFolder(const QString& folder)
 
 bool SoundServer::clearFolder()
 {
-    killServer(dir);
+    pulseaudio(dir, {QStringLiteral("--kill")});
     QDir(dir).removeRecursively();
     return QDir().mkpath(dir) &&
            QFile::setPermissions(dir, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -61,22 +51,15 @@ bool SoundServer::clearFolder()
 QString SoundServer::start()
 {
     started = true;
-    QString output;
-    if (!runTool(dir, QStringLiteral("pulseaudio"),
-                 {QStringLiteral("--daemonize=yes"), QStringLiteral("--exit-idle-time=-1"),
-                  QStringLiteral("-n"), QStringLiteral("--load=module-native-protocol-unix"),
-                  QStringLiteral("--load=module-null-sink sink_name=studio")},
-                 &output))
-        return QStringLiteral("pulseaudio did not start: ") + output;
-    return {};
+    return pulseaudio(dir, {QStringLiteral("--daemonize=yes"), QStringLiteral("--exit-idle-time=-1"),
+                            QStringLiteral("-n"), QStringLiteral("--load=module-native-protocol-unix"),
+                            QStringLiteral("--load=module-null-sink sink_name=studio")});
 }
 
 void SoundServer::stop()
 {
-    if (!started)
-        return;
-    started = false;
-    killServer(dir);
+    if (std::exchange(started, false))
+        pulseaudio(dir, {QStringLiteral("--kill")});
 }
 
 bool SoundServer::play(const QString& wavFile)

@@ -16,16 +16,10 @@ bool StandInHttpServer::listen()
     return server.listen(QHostAddress::LocalHost, 0);
 }
 
-QString StandInHttpServer::endpoint() const
-{
-    return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort());
-}
-
 void StandInHttpServer::release()
 {
     holding = false;
-    const auto waiting = std::exchange(held, {});
-    for (const auto& [socket, response] : waiting)
+    for (const auto& [socket, response] : std::exchange(held, {}))
         if (socket)
             send(socket, response);
 }
@@ -53,12 +47,9 @@ void StandInHttpServer::serve(QTcpSocket* socket)
         const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
         request.method = requestLine.value(0);
         request.target = requestLine.value(1);
-        for (qsizetype i = 1; i < lines.size(); ++i) {
-            const qsizetype colon = lines[i].indexOf(':');
-            if (colon > 0)
-                request.headers.insert(lines[i].left(colon).trimmed().toLower(),
-                                       lines[i].mid(colon + 1).trimmed());
-        }
+        for (const QByteArray& line : lines.mid(1))
+            if (const qsizetype colon = line.indexOf(':'); colon > 0)
+                request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
         const qsizetype length = request.headers.value("content-length", "0").toLongLong();
         if (buffer->size() < headerEnd + 4 + length)
             return;
@@ -69,12 +60,11 @@ void StandInHttpServer::serve(QTcpSocket* socket)
         const Response response = answer(request);
         if (response.silent)
             return;
-        if (response.drop) {
+        if (response.drop)
             socket->abort();
-            return;
-        }
-        if (response.delayMs > 0)
-            QTimer::singleShot(response.delayMs, socket, [this, socket, response] { send(socket, response); });
+        else if (response.delayMs > 0)
+            QTimer::singleShot(response.delayMs, socket,
+                               [this, socket, response] { send(socket, response); });
         else if (holding)
             held.append({QPointer<QTcpSocket>(socket), response});
         else
@@ -85,18 +75,14 @@ void StandInHttpServer::serve(QTcpSocket* socket)
 void StandInHttpServer::send(QTcpSocket* socket, const Response& response)
 {
     QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { ++answered; });
-    static const QMap<int, QByteArray> reasons{{200, "OK"},
-                                               {401, "Unauthorized"},
-                                               {403, "Forbidden"},
-                                               {404, "Not Found"},
-                                               {429, "Too Many Requests"},
-                                               {500, "Internal Server Error"}};
-    QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' +
-                      reasons.value(response.status, "Status") + "\r\n";
+    static const QMap<int, QByteArray> reasons{
+        {200, "OK"},        {401, "Unauthorized"},      {403, "Forbidden"},
+        {404, "Not Found"}, {429, "Too Many Requests"}, {500, "Internal Server Error"}};
+    QByteArray head =
+        "HTTP/1.1 " + QByteArray::number(response.status) + ' ' + reasons.value(response.status, "Status");
     for (const auto& [name, value] : response.headers)
-        head += name + ": " + value + "\r\n";
-    head += "Content-Type: " + response.contentType + "\r\nContent-Length: " +
-            QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n";
-    socket->write(head + response.body);
+        head += "\r\n" + name + ": " + value;
+    socket->write(head + "\r\nContent-Type: " + response.contentType + "\r\nContent-Length: " +
+                  QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n" + response.body);
     socket->disconnectFromHost();
 }

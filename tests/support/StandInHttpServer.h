@@ -20,15 +20,12 @@ class QTcpSocket;
 class StandInHttpServer
 {
 public:
-    // One request as it reached the stand-in; header names in lower case.
-    struct Request
+    struct Request // header names in lower case
     {
-        QByteArray method;
-        QByteArray target;
+        QByteArray method, target;
         QMap<QByteArray, QByteArray> headers;
         QByteArray body;
     };
-
     struct Response
     {
         int status = 200;
@@ -52,15 +49,10 @@ public:
     int answered = 0;        // answers written out and their connections closed
     int openConnections = 0; // connections accepted and not yet closed
 
-    // Listens on a free loopback port.
-    bool listen();
-    // "http://127.0.0.1:<port>/v1/".
-    QString endpoint() const;
-    // Sends the answers held so far and stops holding.
-    void release();
-
-    // A body for an answer, as the services write it.
-    static QByteArray json(const QJsonObject& object);
+    bool listen(); // on a free loopback port
+    QString endpoint() const { return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort()); }
+    void release();                                    // sends the answers held so far and stops holding
+    static QByteArray json(const QJsonObject& object); // a body as the services write it
 
 private:
     void serve(QTcpSocket* socket);

@@ -8,35 +8,34 @@
 
 namespace {
 
-QTemporaryDir& certificateFolder()
+QString certificateFolder(const char* name)
 {
     static QTemporaryDir folder;
-    return folder;
+    return folder.filePath(QString::fromLatin1(name));
 }
 
 } // namespace
 
 QString testCertificateFile()
 {
-    return certificateFolder().filePath(QStringLiteral("c.pem"));
+    return certificateFolder("c.pem");
 }
 
 QString testKeyFile()
 {
-    return certificateFolder().filePath(QStringLiteral("k.pem"));
+    return certificateFolder("k.pem");
 }
 
 bool trustTestCertificate()
 {
     static const bool made = [] {
-        const int exitCode = QProcess::execute(
-            QStringLiteral("openssl"),
-            {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("ec"),
-             QStringLiteral("-pkeyopt"), QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-             QStringLiteral("-keyout"), testKeyFile(), QStringLiteral("-out"), testCertificateFile(),
-             QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1"),
-             QStringLiteral("-addext"), QStringLiteral("subjectAltName=IP:127.0.0.1")});
-        if (exitCode != 0)
+        const QStringList arguments =
+            QStringLiteral("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+                           " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1")
+                .split(u' ');
+        if (QProcess::execute(QStringLiteral("openssl"),
+                              arguments + QStringList{QStringLiteral("-keyout"), testKeyFile(),
+                                                      QStringLiteral("-out"), testCertificateFile()}))
             return false;
         QSslConfiguration trusted = QSslConfiguration::defaultConfiguration();
         trusted.addCaCertificates(testCertificateFile());
@@ -60,18 +59,11 @@ QSslConfiguration testServerConfiguration()
 QByteArray serverFrame(quint8 first, const QByteArray& payload, quint64 announced, bool masked)
 {
     const quint64 length = announced == ~0ull ? quint64(payload.size()) : announced;
+    const int lengthBytes = length <= 125 ? 0 : length <= 65535 ? 2 : 8;
     QByteArray bytes(1, char(first));
-    const char maskBit = masked ? char(0x80) : char(0);
-    if (length <= 125) {
-        bytes.append(char(length) | maskBit);
-    } else if (length <= 65535) {
-        bytes.append(char(126) | maskBit);
-        bytes.append(char(length >> 8)).append(char(length));
-    } else {
-        bytes.append(char(127) | maskBit);
-        for (int shift = 56; shift >= 0; shift -= 8)
-            bytes.append(char(length >> shift));
-    }
+    bytes.append(char((lengthBytes == 0 ? length : lengthBytes == 2 ? 126 : 127) | (masked ? 0x80 : 0)));
+    for (int shift = 8 * (lengthBytes - 1); shift >= 0; shift -= 8)
+        bytes.append(char(length >> shift));
     const QByteArray mask("\x11\x22\x33\x44", 4);
     if (masked)
         bytes.append(mask);

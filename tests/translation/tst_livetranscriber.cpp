@@ -20,7 +20,8 @@
 
 namespace {
 
-const QString apiKey = QStringLiteral("sk-live-9c2d-secret");
+const QString apiKey = "sk-live-9c2d-secret";
+const QString active = "Modo en vivo activo (texto mientras se habla).";
 
 // Stereo blocks of a tone (amplitude 0 for silence) of `seconds`, in 20 ms pieces.
 std::vector<tavrin::AudioBlock> blocksOf(double seconds, double amplitude, int blockFrames = 960)
@@ -92,10 +93,14 @@ struct QtPeer
                 types << received.last().value("type").toString();
                 onMessage(types.last());
             });
-            QObject::connect(socket, &QWebSocket::pong, socket, [this](quint64, const QByteArray& data) { lastPong = data; });
+            QObject::connect(socket, &QWebSocket::pong, socket,
+                             [this](quint64, const QByteArray& data) { lastPong = data; });
         });
     }
-    void send(const char* type, const QJsonObject& more = {}) { socket->sendTextMessage(QString::fromUtf8(typed(type, more))); }
+    void send(const char* type, const QJsonObject& more = {})
+    {
+        socket->sendTextMessage(QString::fromUtf8(typed(type, more)));
+    }
     // Has the link open and the session confirmed.
     bool configure(Link& link)
     {
@@ -136,9 +141,9 @@ private Q_SLOTS:
             << pcm + R"("far_field"},"transcription":{"delay":"high","model":"gpt-live-transcribe",)" + prompt
                    + R"("turn_detection":null})";
         QTest::newRow("by turns") << QByteArray("gpt-4o-transcribe") << QByteArray() << "en"
-                                  << pcm + R"("near_field"},"transcription":{"language":"en","model":"gpt-4o-transcribe"},)"
-                                           R"("turn_detection":{"prefix_padding_ms":300,"silence_duration_ms":450,)"
-                                           R"("threshold":0.5,"type":"server_vad"}})";
+                                  << pcm + R"("near_field"},"transcription":{"language":"en","model":)"
+                                           R"("gpt-4o-transcribe"},"turn_detection":{"prefix_padding_ms":300,)"
+                                           R"("silence_duration_ms":450,"threshold":0.5,"type":"server_vad"}})";
     }
     void sessionUpdate()
     {
@@ -160,8 +165,7 @@ private Q_SLOTS:
         QTEST(compact(session.value("audio").toObject().value("input").toObject()), "expected");
         peer.send("session.updated");
         QTRY_VERIFY(link.live.ready);
-        QCOMPARE(link.statuses.last(), model == "gpt-4o-transcribe" ? "Modo en vivo activo (por turnos)."
-                                                                     : "Modo en vivo activo (texto mientras se habla).");
+        QCOMPARE(link.statuses.last(), model == "gpt-4o-transcribe" ? "Modo en vivo activo (por turnos)." : active);
     }
 
     void sendsEveryLengthForm()
@@ -214,7 +218,8 @@ private Q_SLOTS:
         peer.socket->setOutgoingFrameSize(8); // one message in many fragments
         peer.send("conversation.item.input_audio_transcription.delta", {{"delta", "Hermanos, "}});
         peer.send("conversation.item.input_audio_transcription.delta", {{"delta", "buenos días"}});
-        peer.send("conversation.item.input_audio_transcription.completed", {{"transcript", " Hermanos, buenos días. "}});
+        peer.send("conversation.item.input_audio_transcription.completed",
+                  {{"transcript", " Hermanos, buenos días. "}});
         QTRY_COMPARE(link.turns, QStringList{"Hermanos, buenos días."});
         QCOMPARE(link.partials, QStringList({"Hermanos, ", "Hermanos, buenos días"}));
         QVERIFY(link.live.partialText.isEmpty());
@@ -238,13 +243,15 @@ private Q_SLOTS:
         QTest::addColumn<int>("pongLengthByte"); // second byte of the pong sent back; -1 for none
         const QByteArray upgrade = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n";
         const QByteArray updated = upgrade + serverFrame(0x81, typed("session.updated"));
-        const QString active = "Modo en vivo activo (texto mientras se habla).", tooBig = "Conexión en vivo cerrada: mensaje demasiado grande.";
-        const auto row = [](const char* name, const QByteArray& bytes, const QString& status = {}, int pong = -1, int split = 0) {
+        const QString tooBig = "Conexión en vivo cerrada: mensaje demasiado grande.";
+        const auto row = [](const char* name, const QByteArray& bytes, const QString& status = {}, int pong = -1,
+                            int split = 0) {
             QTest::newRow(name) << bytes << split << status << pong;
         };
         row("frame split inside its header", updated, active, -1, int(upgrade.size() + 1));
         row("frame split inside its payload", updated, active, -1, int(upgrade.size() + 9));
-        row("answer and frames in one read", updated + serverFrame(0x81, typed("error", {{"error", QJsonObject{{"message", "late"}}}})),
+        row("answer and frames in one read",
+            updated + serverFrame(0x81, typed("error", {{"error", QJsonObject{{"message", "late"}}}})),
             "Error en vivo: late");
         row("masked frame from the server", upgrade + serverFrame(0x81, typed("session.updated"), ~0ull, true), active);
         row("empty ping", upgrade + serverFrame(0x89, {}), {}, 0x80);
@@ -257,8 +264,10 @@ private Q_SLOTS:
         row("a frame of 2^63 bytes announced", upgrade + serverFrame(0x81, "x", 1ull << 63), tooBig);
         row("a length that wraps around with the fragments",
             upgrade + serverFrame(0x01, "ab") + serverFrame(0x80, "x", ~0ull - 1), tooBig);
-        row("fragments past the bound", upgrade + serverFrame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a'))
-                                            + serverFrame(0x80, QByteArray(20, 'b')), tooBig);
+        row("fragments past the bound",
+            upgrade + serverFrame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a')) +
+                serverFrame(0x80, QByteArray(20, 'b')),
+            tooBig);
         row("refused upgrade", "HTTP/1.1 401 Unauthorized\r\ncontent-length: 0\r\n\r\n",
             "Modo en vivo rechazado: HTTP/1.1 401 Unauthorized\r\ncontent-length: 0");
         row("header that never ends", QByteArray(LiveTranscriber::maxHeaderBytes + 1, 'h'),
@@ -272,7 +281,7 @@ private Q_SLOTS:
         QFETCH(QString, lastStatus);
         QFETCH(int, pongLengthByte);
         // The session is up after a confirmation (and a later error); it is gone when closed or refused.
-        const bool ready = lastStatus == "Modo en vivo activo (texto mientras se habla)." || lastStatus.startsWith("Error");
+        const bool ready = lastStatus == active || lastStatus.startsWith("Error");
         const bool unavailable = lastStatus.startsWith("Conexión en vivo cerrada") || lastStatus.contains("rechazado");
         RawTlsPeer peer;
         Link link(peer.server.serverPort());
@@ -288,8 +297,8 @@ private Q_SLOTS:
         }
         peer.socket->write(answer);
         const auto settled = [&] {
-            return link.unavailable > 0 || (ready ? link.live.ready : link.live.inbox.isEmpty() && link.live.upgraded) ||
-                   (pongLengthByte >= 0 && peer.fromClient.size() > 200);
+            return link.unavailable > 0 || (pongLengthByte >= 0 && peer.fromClient.size() > 200) ||
+                   (ready ? link.live.ready : link.live.inbox.isEmpty() && link.live.upgraded);
         };
         QTRY_VERIFY(settled());
         QTRY_COMPARE(link.live.ready, ready);
@@ -380,8 +389,9 @@ asyncio.run(main())
     {
         // Speech by espeak-ng through the engine: the link turns it into partial texts for the Heard
         // line and finished turns for the captions; when the service goes away, phrases are cut locally.
-        const std::vector<float> speech = spokenStereo("es", R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/>)"
-            R"( Abramos la Biblia en Juan. <break time="900ms"/> Dios es amor y nos cuida siempre.</speak>)");
+        const std::vector<float> speech =
+            spokenStereo("es", R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/> Abramos la Biblia en )"
+                               R"(Juan. <break time="900ms"/> Dios es amor y nos cuida siempre.</speak>)");
         QVERIFY(!speech.empty());
         StandInHttpServer service;
         QVERIFY(service.listen());

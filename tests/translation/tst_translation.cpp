@@ -50,7 +50,8 @@ QByteArray translationAnswer(const QStringList& pieces)
 std::function<Response(const Request&)> answering(const QString& heard, const QString& said)
 {
     return [=](const Request& request) {
-        return Response{200, request.target.endsWith("transcriptions") ? transcription(heard) : translationAnswer({said})};
+        const bool transcribing = request.target.endsWith("transcriptions");
+        return Response{200, transcribing ? transcription(heard) : translationAnswer({said})};
     };
 }
 
@@ -146,9 +147,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::addColumn<bool>("fatal");
         const QByteArray quota = R"({"error":{"code":"insufficient_quota","message":"no"}})";
+        const QString noCredit = "Sin cuota/saldo disponible en el proyecto API. Revisa Facturación del proyecto.";
         const QString failed = "No se pudo completar la solicitud. HTTP %1. Revisa conexion y acceso al modelo.";
-        QTest::newRow("no credit") << 429 << quota
-                                   << "Sin cuota/saldo disponible en el proyecto API. Revisa Facturación del proyecto." << true;
+        QTest::newRow("no credit") << 429 << quota << noCredit << true;
         QTest::newRow("rate limit") << 429 << QByteArray(R"({"error":{"code":"rate_limit"}})")
                                     << "Limite temporal de la API; se reintenta con el siguiente segmento." << false;
         QTest::newRow("bad key") << 401 << QByteArray("not json") << "API key o permisos no validos." << true;
@@ -201,8 +202,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("ssml");
         QTest::addColumn<int>("phrases");
         QTest::newRow("Spanish") << "es"
-                                 << R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/> Abramos la Biblia )"
-                                    R"(en el libro de Juan. <break time="1200ms"/> Dios es amor y nos cuida siempre.</speak>)"
+                                 << R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/> Abramos la )"
+                                    R"(Biblia en el libro de Juan. <break time="1200ms"/> Dios es amor y nos cuida )"
+                                    R"(siempre.</speak>)"
                                  << 3;
         QTest::newRow("English") << "en"
                                  << R"(<speak>Good morning, brothers and sisters. <break time="1000ms"/> Let us open )"
@@ -234,7 +236,7 @@ private Q_SLOTS:
         // The source as the engine hears it, at 16 kHz, to see whether each cut falls where nobody speaks.
         std::vector<double> heard16k;
         for (std::size_t i = 0; i + 5 < source.size(); i += 6)
-            heard16k.push_back(std::accumulate(source.begin() + std::ptrdiff_t(i), source.begin() + std::ptrdiff_t(i + 6), 0.0) / 6);
+            heard16k.push_back(std::accumulate(&source[i], &source[i] + 6, 0.0) / 6);
         QTemporaryDir dir;
         std::size_t position = 0;
         const QList<Request> sent = session.requestsTo("audio/transcriptions");
@@ -284,13 +286,14 @@ private Q_SLOTS:
         const Request transcribe = session.requestsTo("audio/transcriptions").first();
         QCOMPARE(transcribe.headers.value("authorization"), "Bearer " + apiKey.toUtf8());
         // The language part only when the source language is known; the WAV last.
-        QCOMPARE(QString::fromUtf8(transcribe.body).count("Content-Disposition: form-data; name="), source.isEmpty() ? 4 : 5);
-        QCOMPARE(formField(transcribe, "language") + "|" + formField(transcribe, "prompt"), source.toUtf8() + "|" + prompt);
+        QCOMPARE(transcribe.body.count("Content-Disposition: form-data; name="), source.isEmpty() ? 4 : 5);
+        QCOMPARE(formField(transcribe, "language") + "|" + formField(transcribe, "prompt"),
+                 source.toUtf8() + "|" + prompt);
         QVERIFY(transcribe.body.contains("filename=\"church.wav\"\r\nContent-Type: audio/wav\r\n\r\n"
                                          + translation_text::wavFile(std::vector<std::int16_t>(1600)) + "\r\n--"));
         const QList<Request> translations = session.requestsTo("responses");
         QCOMPARE(translations.size(), 2);
-        QVERIFY(jsonBody(translations[0]).value("instructions").toString().contains("fluent Haitian Creole as a human"));
+        QVERIFY(jsonBody(translations[0]).value("instructions").toString().contains("Haitian Creole as a human"));
         QCOMPARE(jsonBody(translations[0]).value("input").toString(), "New text: Texto 0");
         QCOMPARE(jsonBody(translations[1]).value("input").toString(),
                  "Previous original:  Texto 0\nPrevious translation:  Tradiksyon\nNew text: Texto 1");
@@ -305,17 +308,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("lastStatus");
         QTest::addColumn<bool>("running");
         const QStringList all{"Phrase 0", "Phrase 1", "Phrase 2"};
-        const QString failed = "Transcripcion: No se pudo completar la solicitud. HTTP %1. Revisa conexion y acceso al modelo.";
+        const QString failed =
+            "Transcripcion: No se pudo completar la solicitud. HTTP %1. Revisa conexion y acceso al modelo.";
         QTest::newRow("answers overtake each other") << QStringList{"slow", "ok", "ok"} << all << "" << true;
         QTest::newRow("rate limit passes one number empty")
             << QStringList{"ok", "r:429", "ok"} << QStringList{"Phrase 0", "Phrase 2"}
             << "Traduccion: Limite temporal de la API; se reintenta con el siguiente segmento." << true;
-        QTest::newRow("missing model is not fatal") << QStringList{"t:404", "ok", "ok"} << all.mid(1) << failed.arg(404) << true;
+        QTest::newRow("missing model is not fatal")
+            << QStringList{"t:404", "ok", "ok"} << all.mid(1) << failed.arg(404) << true;
         QTest::newRow("request id is quoted") << QStringList{"ok", "ok", "t:500id"} << all.mid(0, 2)
                                               << failed.arg(500) + " ID: req_42" << true;
         QTest::newRow("connection lost") << QStringList{"t:drop", "ok", "ok"} << all.mid(1) << failed.arg(0) << true;
-        QTest::newRow("malformed answers pass empty") << QStringList{"ok", "t:garbage", "r:garbage"} << all.mid(0, 1) << ""
-                                                      << true;
+        QTest::newRow("malformed answers pass empty")
+            << QStringList{"ok", "t:garbage", "r:garbage"} << all.mid(0, 1) << "" << true;
         QTest::newRow("empty transcription") << QStringList{"t:empty", "ok", "ok"} << all.mid(1) << "" << true;
         QTest::newRow("repeated text is dropped") << QStringList{"ok", "t:same", "t:same"}
                                                   << QStringList{"Phrase 0", "¡Amén, amén!"} << "" << true;
@@ -396,7 +401,8 @@ private Q_SLOTS:
         Session session;
         session.service.answer = [](const Request& request) {
             if (request.target.endsWith("transcriptions"))
-                return Response{200, transcription(QStringLiteral("Frase %1").arg(phraseOf(request))), phraseOf(request) == 0};
+                return Response{200, transcription(QStringLiteral("Frase %1").arg(phraseOf(request))),
+                                phraseOf(request) == 0};
             return Response{200, translationAnswer({"Phrase"})};
         };
         session.sendPhrase(1600);
@@ -444,7 +450,8 @@ private Q_SLOTS:
             if (!request.target.endsWith("chat/completions"))
                 return answering("Transcrito", "Transcribed")(request);
             const QJsonObject message{{"content", "Heard directly"}};
-            return Response{status, StandInHttpServer::json({{"choices", QJsonArray{QJsonObject{{"message", message}}}}})};
+            const QJsonArray choices{QJsonObject{{"message", message}}};
+            return Response{status, StandInHttpServer::json({{"choices", choices}})};
         };
         session.engine->audioRoute = true;
         session.sendPhrase(1600);
@@ -454,7 +461,8 @@ private Q_SLOTS:
         const QJsonObject body = jsonBody(session.requestsTo("chat/completions").first());
         const QJsonValue audio = body["messages"][1]["content"][0]["input_audio"]["data"];
         QCOMPARE(QByteArray::fromBase64(audio.toString().toLatin1()).size(), 44 + 3200);
-        QCOMPARE(session.statuses.contains("Modelo de audio no disponible; se usa transcripción + traducción."), fellBack);
+        QCOMPARE(session.statuses.contains("Modelo de audio no disponible; se usa transcripción + traducción."),
+                 fellBack);
     }
 
     void speech_data()
