@@ -5,7 +5,6 @@
 namespace {
 
 using MakeElement = std::function<GstElement*(const gchar* name)>;
-
 constexpr const char* makeElementKey = "velmora-make-element";
 
 } // namespace
@@ -20,16 +19,12 @@ struct VelmoraFakeDeviceClass
 };
 G_DEFINE_TYPE(VelmoraFakeDevice, velmora_fake_device, GST_TYPE_DEVICE)
 
-static GstElement* velmoraFakeDeviceCreateElement(GstDevice* device, const gchar* name)
-{
-    const auto* makeElement =
-        static_cast<const MakeElement*>(g_object_get_data(G_OBJECT(device), makeElementKey));
-    return makeElement && *makeElement ? (*makeElement)(name) : nullptr;
-}
-
 static void velmora_fake_device_class_init(VelmoraFakeDeviceClass* klass)
 {
-    GST_DEVICE_CLASS(klass)->create_element = velmoraFakeDeviceCreateElement;
+    GST_DEVICE_CLASS(klass)->create_element = [](GstDevice* device, const gchar* name) -> GstElement* {
+        const auto* make = static_cast<const MakeElement*>(g_object_get_data(G_OBJECT(device), makeElementKey));
+        return make && *make ? (*make)(name) : nullptr;
+    };
 }
 
 static void velmora_fake_device_init(VelmoraFakeDevice*) {}
@@ -37,9 +32,9 @@ static void velmora_fake_device_init(VelmoraFakeDevice*) {}
 gstptr::Device makeFakeDevice(const char* displayName, const char* deviceClass, const GstCaps* caps,
                               std::function<GstElement*(const gchar* name)> makeElement)
 {
-    gstptr::Device device(GST_DEVICE(
-        gst_object_ref_sink(g_object_new(velmora_fake_device_get_type(), "display-name", displayName,
-                                         "device-class", deviceClass, "caps", caps, nullptr))));
+    gstptr::Device device(GST_DEVICE(gst_object_ref_sink(g_object_new(velmora_fake_device_get_type(), "display-name",
+                                                                      displayName, "device-class", deviceClass,
+                                                                      "caps", caps, nullptr))));
     // The function lives as long as the device does, whoever holds the last reference.
     g_object_set_data_full(G_OBJECT(device.get()), makeElementKey, new MakeElement(std::move(makeElement)),
                            [](gpointer data) { delete static_cast<MakeElement*>(data); });

@@ -27,6 +27,8 @@ QString pulseaudio(const QString& folder, const QStringList& arguments)
 
 } // namespace
 
+SoundServer::SoundServer(const QString& folder) : dir(folder) {}
+
 SoundServer::~SoundServer()
 {
     stopPlaying();

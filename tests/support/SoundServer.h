@@ -13,7 +13,7 @@ class QProcess;
 class SoundServer
 {
 public:
-    explicit SoundServer(const QString& folder) : dir(folder) {}
+    explicit SoundServer(const QString& folder);
     ~SoundServer();
     SoundServer(const SoundServer&) = delete;
     SoundServer& operator=(const SoundServer&) = delete;

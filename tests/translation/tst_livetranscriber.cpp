@@ -341,6 +341,8 @@ private Q_SLOTS:
         QTRY_COMPARE(peer.types.last(), "marker");
         QTEST(int(peer.types.count("input_audio_buffer.commit")), "commits");
         QTEST(link.live.samplesSinceCommit, "samplesSinceCommit");
+        link.live.stop(); // the connection is cut at once
+        QTRY_COMPARE(peer.socket->state(), QAbstractSocket::UnconnectedState);
     }
 
     void independentPeer()

@@ -146,16 +146,12 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QString>("message");
         QTest::addColumn<bool>("fatal");
-        const QByteArray quota = R"({"error":{"code":"insufficient_quota","message":"no"}})";
-        const QString noCredit = "Sin cuota/saldo disponible en el proyecto API. Revisa Facturación del proyecto.";
-        const QString failed = "No se pudo completar la solicitud. HTTP %1. Revisa conexion y acceso al modelo.";
-        QTest::newRow("no credit") << 429 << quota << noCredit << true;
-        QTest::newRow("rate limit") << 429 << QByteArray(R"({"error":{"code":"rate_limit"}})")
-                                    << "Limite temporal de la API; se reintenta con el siguiente segmento." << false;
+        // The rest of the statuses are met through the engine's replies below.
         QTest::newRow("bad key") << 401 << QByteArray("not json") << "API key o permisos no validos." << true;
         QTest::newRow("no rights") << 403 << QByteArray() << "API key o permisos no validos." << true;
-        QTest::newRow("quota code on another status") << 404 << quota << failed.arg(404) << false;
-        QTest::newRow("no answer") << 0 << QByteArray() << failed.arg(0) << false;
+        QTest::newRow("quota code on another status")
+            << 404 << QByteArray(R"({"error":{"code":"insufficient_quota"}})")
+            << "No se pudo completar la solicitud. HTTP 404. Revisa conexion y acceso al modelo." << false;
     }
     void failures()
     {
