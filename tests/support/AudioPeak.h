@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
+#include <numeric>
 
 // The largest magnitude among float samples, as a peak meter reads it; 0 for none.
 inline float peakOf(const std::deque<float>& samples)
 {
-    float peak = 0.0f;
-    for (float sample : samples)
-        peak = std::max(peak, std::abs(sample));
-    return peak;
+    return std::accumulate(samples.begin(), samples.end(), 0.0f,
+                           [](float peak, float sample) { return std::max(peak, std::abs(sample)); });
 }
