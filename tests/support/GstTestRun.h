@@ -3,14 +3,9 @@
 #include <QByteArray>
 #include <QStringList>
 
-// Runs a gst-launch style description until it ends; the bus wait is bounded. False when the
-// description does not parse, the pipeline fails, or it has not ended in time.
+// Runs a gst-launch style description until it ends, bounded; false when it does not parse, fails or hangs.
 bool runToEnd(const QByteArray& description);
-
-// Turns GStreamer's leaks tracer on unless GST_TRACERS already names the tracers to run. Call it
-// before gst_init; says whether the leaks tracer will run.
+// Turns the leaks tracer on unless GST_TRACERS names others; call it before gst_init. Whether it will run.
 bool startLeakTracking();
-
-// Shuts GStreamer down and returns the objects the leaks tracer still saw alive then; empty when
-// tracking is off. Nothing GStreamer may be used after it.
+// Shuts GStreamer down and returns the objects the leaks tracer still saw alive then; empty when tracking is off.
 QStringList deinitAndListAlive(bool tracking);

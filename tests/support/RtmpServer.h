@@ -1,67 +1,42 @@
 #pragma once
 
+#include <QFileInfo>
+#include <QProcess>
 #include <QString>
 
 #include <memory>
 
-class QProcess;
-
-// A real RTMP peer for tests: nginx with its RTMP module on a free loopback port, recording every
-// published stream as <folder>/<key>.flv. With `tls` it also listens for RTMPS through nginx's stream
-// module, with a server certificate for 127.0.0.1 and localhost signed by a test authority made here
-// (caCertificate()); trusting that authority is the client's own business.
-// The constructor returns once the ports accept connections, or with ok() false and errorString() set;
-// the destructor stops nginx. nginx runs in a process group of its own, which stop() ends whole, and
-// which a watchdog child ends when this process dies, however it dies: no worker is ever left behind.
+// nginx with its RTMP module on a free loopback port, recording each stream as <folder>/<key>.flv; with `tls` also
+// RTMPS, with a certificate for 127.0.0.1 and localhost from a test authority (caCertificate()). Its process group
+// ends whole on stop(), and by a watchdog when this process dies, however it dies.
 class RtmpServer
 {
 public:
     explicit RtmpServer(const QString& folder, bool tls = false);
-    ~RtmpServer();
-    RtmpServer(const RtmpServer&) = delete;
-    RtmpServer& operator=(const RtmpServer&) = delete;
+    ~RtmpServer() { stop(); }
 
     bool ok() const { return running; }
     QString errorString() const { return failure; }
-
-    // Stops nginx, gracefully first so that what was received is on disk; bounded, safe to repeat.
-    void stop();
+    void stop(); // gracefully first, so that what was received is on disk; bounded, safe to repeat
 
     quint16 port() const { return rtmpPort; }
-    quint16 tlsPort() const { return rtmpsPort; }
-    // "rtmp://127.0.0.1:<port>/app/<key>" and "rtmps://<host>:<tls port>/app/<key>".
-    QString url(const QString& key) const;
-    QString tlsUrl(const QString& key, const QString& host = QStringLiteral("127.0.0.1")) const;
-    // Where nginx records the stream published under `key`.
-    QString recording(const QString& key) const;
-    // Whether a publisher of `key` has come and gone, as nginx saw it.
-    bool publishEnded(const QString& key) const;
-    QString caCertificate() const;
+    QString url(const QString& key) const { return QStringLiteral("rtmp://127.0.0.1:%1/app/").arg(rtmpPort) + key; }
+    QString tlsUrl(const QString& key, const QString& host = QStringLiteral("127.0.0.1")) const
+    {
+        return QStringLiteral("rtmps://%1:%2/app/%3").arg(host).arg(rtmpsPort).arg(key);
+    }
+    QString recording(const QString& key) const { return dir + u'/' + key + QStringLiteral(".flv"); }
+    bool publishEnded(const QString& key) const { return QFileInfo::exists(dir + u'/' + key + ".ended"); }
+    QString caCertificate() const { return dir + QStringLiteral("/test-ca.crt"); }
     QString folder() const { return dir; }
-    // nginx's own error log, for failure messages.
-    QString log() const;
-
-    // A loopback port that nothing listened on a moment ago.
-    static quint16 freePort();
-    // nginx's process group while it runs, else 0.
-    qint64 processGroup() const { return group; }
+    QString log() const;       // nginx's error log, for failure messages
+    static quint16 freePort(); // a loopback port that nothing listened on a moment ago
 
 private:
     bool start();
-    bool makeCertificates();
-    bool writeConfig(const QString& rtmpModule, const QString& streamModule);
-    bool waitUntilAccepting();
-    void guardGroup();
-    void endGroup();
-
-    QString dir;
-    bool tls = false;
-    bool running = false;
-    QString failure;
-    quint16 rtmpPort = 0;
-    quint16 rtmpsPort = 0;
-    std::unique_ptr<QProcess> nginx;
+    QString dir, failure;
+    bool tls, running = false;
+    quint16 rtmpPort = 0, rtmpsPort = 0;
+    std::unique_ptr<QProcess> nginx, watchdog;
     qint64 group = 0;
-    qint64 watchdog = 0;
-    int lifeline = -1; // the write end of the watchdog's pipe; closing it, or dying, releases it
 };

@@ -1,34 +1,26 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMap>
 #include <QPointer>
-#include <QString>
 #include <QTcpServer>
+#include <QTcpSocket>
 
 #include <functional>
 #include <utility>
 
-class QJsonObject;
-class QTcpSocket;
-
-// A small HTTP/1.1 server on 127.0.0.1 that stands in for a web service (API.Bible, the AI service):
-// it keeps every request it was sent and answers each with `answer`, one request per connection.
-// While `holding`, answers wait for release(): the window in which a test looks at what the client
-// does before its answer arrives.
+// An HTTP/1.1 stand-in for a web service on 127.0.0.1: it keeps every request and answers each with `answer`, one
+// per connection. While `holding`, answers wait for release(), so that a test sees what the client does meanwhile.
 class StandInHttpServer
 {
 public:
-    // One request as it reached the stand-in; header names in lower case.
-    struct Request
+    struct Request // header names in lower case
     {
-        QByteArray method;
-        QByteArray target;
+        QByteArray method, target;
         QMap<QByteArray, QByteArray> headers;
         QByteArray body;
     };
-
     struct Response
     {
         int status = 200;
@@ -40,27 +32,16 @@ public:
         QByteArray contentType = "application/json";
     };
 
-    StandInHttpServer() = default;
-    StandInHttpServer(const StandInHttpServer&) = delete;
-    StandInHttpServer& operator=(const StandInHttpServer&) = delete;
-
-    std::function<Response(const Request&)> answer = [](const Request&) {
-        return Response{404, "{}", false};
-    };
+    std::function<Response(const Request&)> answer = [](const Request&) { return Response{404, "{}", false}; };
     QList<Request> requests;
     bool holding = false;
     int answered = 0;        // answers written out and their connections closed
     int openConnections = 0; // connections accepted and not yet closed
 
-    // Listens on a free loopback port.
-    bool listen();
-    // "http://127.0.0.1:<port>/v1/".
-    QString endpoint() const;
-    // Sends the answers held so far and stops holding.
-    void release();
-
-    // A body for an answer, as the services write it.
-    static QByteArray json(const QJsonObject& object);
+    bool listen(); // on a free loopback port
+    QString endpoint() const { return QStringLiteral("http://127.0.0.1:%1/v1/").arg(server.serverPort()); }
+    void release(); // sends the answers held so far and stops holding
+    static QByteArray json(const QJsonObject& object) { return QJsonDocument(object).toJson(QJsonDocument::Compact); }
 
 private:
     void serve(QTcpSocket* socket);

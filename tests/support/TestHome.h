@@ -1,11 +1,9 @@
 #pragma once
 
-#include <QByteArray>
 #include <QDir>
-#include <QString>
 
-// Settings, secrets and the log of a test stay in its own folder, also when it is run by hand, and
-// the secret store never reaches the user's keyring. Called before the application object exists.
+// Settings, secrets and the log of a test stay in its own folder, also when run by hand, and never reach the
+// user's keyring. Called before the application object exists.
 inline bool useTestHome(const QByteArray& home)
 {
     QDir().mkpath(QString::fromUtf8(home));

@@ -1,21 +1,15 @@
 #pragma once
 
-#include <QByteArray>
 #include <QSslConfiguration>
 #include <QSslServer>
-#include <QString>
+#include <QSslSocket>
 
-class QSslSocket;
-
-// A certificate for 127.0.0.1 made once per test process, which this process's TLS clients then
-// trust: verification stays on, only the anchor is the test's own. False when openssl failed.
-// Call it before the client sockets are made: they copy the default configuration then.
+// A certificate for 127.0.0.1 made once per process, which its TLS clients then trust (only the anchor is the
+// test's own); false when openssl failed. Call it before the client sockets are made.
 bool trustTestCertificate();
-// The certificate's files, for a peer in another process.
-QString testCertificateFile();
+QString testCertificateFile(); // the certificate's files, for a peer in another process
 QString testKeyFile();
-// What a server on loopback answers TLS with.
-QSslConfiguration testServerConfiguration();
+QSslConfiguration testServerConfiguration(); // what a server on loopback answers TLS with
 
 // A frame as a WebSocket server writes it, final; `announced` overrides the length it states.
 QByteArray serverFrame(quint8 first, const QByteArray& payload, quint64 announced = ~0ull, bool masked = false);
@@ -24,8 +18,7 @@ QByteArray serverFrame(quint8 first, const QByteArray& payload, quint64 announce
 struct RawTlsPeer
 {
     RawTlsPeer();
-    // The client's HTTP request has arrived whole.
-    bool handshaken() const;
+    bool handshaken() const { return socket && fromClient.contains("\r\n\r\n"); } // the HTTP request is whole
 
     QSslServer server;
     QSslSocket* socket = nullptr;
