@@ -125,7 +125,6 @@ private Q_SLOTS:
         row("gain above 2", {0.1f, 0.2f}, 2.0001, {}, {}, -1, "Ganancia invalida");
         row("gain not a number", {0.1f, 0.2f}, NAN, {}, {}, -1, "Ganancia invalida");
     }
-
     void processBlock()
     {
         QFETCH(QList<float>, samples);
@@ -148,7 +147,6 @@ private Q_SLOTS:
         QTest::newRow("gain 2") << false;
         QTest::newRow("muted") << true;
     }
-
     void testTone()
     {
         QFETCH(bool, muted);
@@ -187,7 +185,6 @@ private Q_SLOTS:
         row("empty buffer", "empty", 0, QStringLiteral("Bloque de audio invalido"));
         row("bad gain loses the block only", "bad gain", 0);
     }
-
     void stopsAndStalls()
     {
         QFETCH(QByteArray, cause);
@@ -203,7 +200,6 @@ private Q_SLOTS:
         const tavrin::AudioState state{false, 1.5}, badGain{false, 3.0};
         pushBlock(source.get(), 0.5f, 123456789);
         QTRY_COMPARE((capture.poll(state), capture.blockCount), std::uint64_t(1));
-
         nowUs += quietUs;
         if (cause == "eos")
             gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
@@ -243,7 +239,6 @@ private Q_SLOTS:
         // A file source without a file fails as it starts, like a device that is already taken.
         QTest::newRow("cannot start") << QByteArray("filesrc") << QStringLiteral("No se pudo iniciar audio");
     }
-
     void constructionFailures()
     {
         QFETCH(QByteArray, element);
@@ -275,7 +270,6 @@ private Q_SLOTS:
             g_list_free(list);
             return bool(sinkMonitor);
         }(), 10000);
-
         AudioCapture capture(sinkMonitor.get());
         // Nothing plays into the sink yet: its monitor is silent.
         QTRY_VERIFY((capture.poll({}), capture.blockCount >= 5));

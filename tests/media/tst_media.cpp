@@ -73,15 +73,10 @@ private Q_SLOTS:
         // A virtual 4:3 screen for the screen capture.
         if (!gstptr::makeElement("ximagesrc") || QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty())
             return;
-        int number = 90 + int(QCoreApplication::applicationPid() % 100);
-        while (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(number)))
-            ++number;
-        screen.start(QStringLiteral("Xvfb"), {QStringLiteral(":%1").arg(number), QStringLiteral("-nolisten"),
-                                              QStringLiteral("tcp"), QStringLiteral("-screen"), QStringLiteral("0"),
-                                              QStringLiteral("640x480x24")});
-        QVERIFY(screen.waitForStarted());
-        QTRY_VERIFY(QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number)));
-        qputenv("DISPLAY", ":" + QByteArray::number(number));
+        // Xvfb picks a free display and prints its number once it accepts clients.
+        screen.start(QStringLiteral("Xvfb"), QStringLiteral("-displayfd 1 -nolisten tcp -screen 0 640x480x24").split(u' '));
+        QTRY_VERIFY(screen.canReadLine());
+        qputenv("DISPLAY", ":" + screen.readLine().trimmed());
     }
 
     void cleanupTestCase()
@@ -122,7 +117,6 @@ private Q_SLOTS:
         row("screen", "screen", {320, 180}, QStringLiteral("fuente=ximagesrc (pantalla) pedido=video/x-raw primer "
                                                            "cuadro caps="), {5, 90}, {});
     }
-
     void pictures()
     {
         QFETCH(QByteArray, kind);
@@ -168,7 +162,6 @@ private Q_SLOTS:
         QTest::newRow("empty address without the pattern") << false << QByteArray() << notStarted;
         QTest::newRow("not a media file") << false << QByteArray("noise.webm") << QString();
     }
-
     void failures()
     {
         QFETCH(bool, camera);
@@ -203,7 +196,6 @@ private Q_SLOTS:
         QTest::newRow("sound-only file quiet past 10 s")
             << QByteArray("loud-first") << qint64(10000001) << QStringLiteral("Fuente sin frames durante 10 segundos");
     }
-
     void noFrameTimeouts()
     {
         QFETCH(QByteArray, file);
@@ -260,9 +252,7 @@ private Q_SLOTS:
         row("nearest area of the same shape", "video/x-raw,width=640,height=360; video/x-raw,width=1280,"
             "height=720; video/x-raw,width=1920,height=1080", {1280, 720});
         row("ranges and lists are not sizes", "video/x-raw,width=[1,4096],height=[1,4096]; "
-            "video/x-raw,width={640,1280},height={360,720}", {0, 0});
-        row("range passed over", "video/x-raw,width=[1,4096],height=[1,4096]; video/x-raw,width=800,height=600",
-            {800, 600});
+            "video/x-raw,width={640,1280},height={360,720}; video/x-raw,width=800,height=600", {800, 600});
         row("tie keeps the first", "video/x-raw,width=3840,height=2160; video/x-raw,width=2560,height=1440",
             {3840, 2160});
         row("tie keeps the first, other order", "video/x-raw,width=2560,height=1440; video/x-raw,width=3840,"
@@ -275,7 +265,6 @@ private Q_SLOTS:
             "height=1280", {720, 1280}, {1080, 1920});
         row("no caps", "", {0, 0});
     }
-
     void chooseCaptureSize()
     {
         QFETCH(QByteArray, caps);

@@ -38,7 +38,6 @@ private Q_SLOTS:
         QTest::newRow("RTMPS platform of an unknown authority") << true << false;
         QTest::newRow("another key reaches no platform") << false << true;
     }
-
     void fanOut()
     {
         QFETCH(bool, relayKey);
@@ -55,7 +54,6 @@ private Q_SLOTS:
         destinations.write(QStringLiteral("relay %1\n%2\n%3\n").arg(keys[0], plain.url(keys[1]),
                                                                     secure.tlsUrl(keys[2], "localhost")).toUtf8());
         destinations.close();
-
         const quint16 port = RtmpServer::freePort();
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("RELAY_PORT"), QString::number(port));
@@ -73,11 +71,14 @@ private Q_SLOTS:
             relay.terminate();
             relay.waitForFinished(10000);
         });
-        QTcpSocket probe;
-        QTRY_VERIFY_WITH_TIMEOUT(relay.state() != QProcess::Running ||
-                                 (probe.connectToHost(QHostAddress::LocalHost, port), probe.waitForConnected(100)), 20000);
+        QVERIFY(relay.waitForStarted());
+        const auto accepts = [port] {
+            QTcpSocket probe;
+            probe.connectToHost(QHostAddress::LocalHost, port);
+            return probe.waitForConnected(100);
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(relay.state() != QProcess::Running || accepts(), 20000);
         QVERIFY2(relay.state() == QProcess::Running, relay.readAll().constData());
-
         StudioWindow window(false);
         Destination& row = window.destinations[3];
         row.server->setText(QStringLiteral("rtmp://127.0.0.1:%1/relay").arg(port));
@@ -101,7 +102,6 @@ private Q_SLOTS:
                                  (!secureReached || secure.publishEnded(keys[2])), 20000);
         plain.stop();
         secure.stop();
-
         // A platform's picture starts at the first key frame it receives, the studio's second (one every 60
         // frames); of what follows, a busy machine may drop some at the source.
         for (const auto& [file, reached] : {std::pair(plain.recording(keys[1]), relayKey),
