@@ -21,7 +21,6 @@ namespace {
 constexpr std::uint64_t framePeriodNs = 33333000;
 const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/");
 
-// A picture that changes every frame, so that the encoder has real motion to code.
 std::shared_ptr<const tavrin::Frame> picture(QSize size, int index)
 {
     auto frame = std::make_shared<tavrin::Frame>(size.width(), size.height());
@@ -30,7 +29,6 @@ std::shared_ptr<const tavrin::Frame> picture(QSize size, int index)
     return frame;
 }
 
-// A continuous 440 Hz tone, one mix block at a time.
 std::vector<float> tone(int index)
 {
     std::vector<float> block(tavrin::mixBlockSamples);
@@ -39,8 +37,7 @@ std::vector<float> tone(int index)
     return block;
 }
 
-// Feeds an output as the studio's tick does, a push when the 30 fps clock is due and a poll otherwise,
-// until `frames` pushes or the output stops. Returns how many were pushed and the longest call in ms.
+// Pushes when the 30 fps clock is due and polls otherwise, as the studio's tick; returns pushes, longest ms.
 std::pair<int, qint64> feed(Output& output, int frames, QSize size)
 {
     QElapsedTimer clock;
@@ -60,7 +57,6 @@ std::pair<int, qint64> feed(Output& output, int frames, QSize size)
     return {fed, longestMs};
 }
 
-// Buffer times as they leave a source, seen on GStreamer's streaming thread.
 struct SeenTimes
 {
     std::mutex lock;
@@ -179,7 +175,6 @@ private Q_SLOTS:
         videoIn.watch(output->videoSource);
         audioIn.watch(output->audioSource);
         QVERIFY2(feed(*output, frames, size).first == frames && output->running, output->error.c_str());
-        // Once finishing, pushes only move the clock; the end of stream drains encoders and muxer.
         output->finish();
         output->push(picture(size, frames), tone(frames), std::uint64_t(frames) * framePeriodNs);
         QCOMPARE(output->videoFrames, std::uint64_t(frames));
@@ -213,7 +208,6 @@ private Q_SLOTS:
         QTest::newRow("closed port") << QByteArray("closed");
         // Takes the connection and never answers: the sink's time-out must not be spent on the caller's thread.
         QTest::newRow("silent peer") << QByteArray("silent");
-        // The certificate check is the product's, in full: the test's authority is not trusted here.
         QTest::newRow("RTMPS server of an unknown authority") << QByteArray("untrusted");
     }
     void failedConnection()
@@ -258,15 +252,13 @@ private Q_SLOTS:
         g_value_unset(&encoder);
         gst_iterator_free(encoders);
         QCOMPARE(threads, g_get_num_processors() >= 3 ? 2 : 1);
-        // The studio clock is far from zero when an output starts; its first push is time zero. After two
-        // seconds without a push, the next buffer carries the true elapsed time, not the third frame's slot.
+        // The first push is time zero; after a two-second gap the next buffer carries the true elapsed time.
         const std::uint64_t start = 7000000000;
         for (const std::uint64_t at : {start, start + framePeriodNs, start + 2000000000})
             output.push(picture(size, 0), tone(0), at);
         const std::vector<std::uint64_t> expected = {0, framePeriodNs, 2000000000};
         QTRY_VERIFY(video.get() == expected && audio.get() == expected);
-        // A picture of another size stops the output; nothing of that step or later ones goes out, and a
-        // clock value before the first push counts as zero, never as a huge unsigned time.
+        // Another size stops the output for good; a clock before the first push counts as zero, not as huge.
         output.push(picture(QSize(640, 360), 1), tone(1), start + 3000000000);
         QCOMPARE(QString::fromStdString(output.error), QStringLiteral("El formato cambio durante salida"));
         output.push(picture(size, 2), tone(2), start - 1);

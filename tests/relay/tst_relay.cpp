@@ -3,9 +3,6 @@
 #include "RtmpServer.h"
 #include "StudioWindow.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QHostAddress>
 #include <QLineEdit>
 #include <QProcess>
 #include <QPushButton>
@@ -14,8 +11,7 @@
 #include <QTcpSocket>
 #include <QTest>
 
-// tools/relay as a church runs it: the studio's "Otro RTMP" row sends one stream to the nginx that
-// relay.sh starts, which sends it on to two platforms, one of them over RTMPS.
+// tools/relay: the studio's "Otro RTMP" row sends to relay.sh's nginx, which sends on to two platforms.
 class tst_Relay : public QObject
 {
     Q_OBJECT
@@ -34,7 +30,6 @@ private Q_SLOTS:
         QTest::addColumn<bool>("relayKey"); // the studio sends under the relay's key, or another one
         QTest::addColumn<bool>("trusted");
         QTest::newRow("both platforms receive") << true << true;
-        // A platform whose certificate the relay cannot verify never gets the key.
         QTest::newRow("RTMPS platform of an unknown authority") << true << false;
         QTest::newRow("another key reaches no platform") << false << true;
     }
@@ -47,7 +42,7 @@ private Q_SLOTS:
         RtmpServer plain(folder + QStringLiteral("/plain"));
         RtmpServer secure(folder + QStringLiteral("/secure"), true);
         QVERIFY2(plain.ok() && secure.ok(), qPrintable(plain.errorString() + secure.errorString()));
-        // As a volunteer writes them; nginx checks a certificate by host name, and the test's names localhost.
+        // nginx checks a certificate by host name, and the test's names localhost.
         const QStringList keys{"relay-key-of-the-church", "plain-platform-key", "secure-platform-key"};
         QFile destinations(folder + QStringLiteral("/destinations.txt"));
         QVERIFY(destinations.open(QIODevice::WriteOnly));
@@ -66,7 +61,6 @@ private Q_SLOTS:
         relay.setProcessEnvironment(environment);
         relay.setProcessChannelMode(QProcess::MergedChannels);
         relay.start(QStringLiteral(VELMORA_SOURCE_DIR "/tools/relay/relay.sh"), {destinations.fileName()});
-        // nginx's fast shutdown takes its workers along, whatever the outcome here.
         const auto stopRelay = qScopeGuard([&relay] {
             relay.terminate();
             relay.waitForFinished(10000);
@@ -94,7 +88,6 @@ private Q_SLOTS:
                                       (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 0) &&
                                       (trusted || certificateRefused()),
                                   qPrintable(plain.log() + secure.log()), 30000);
-        // Both legs held until now, and the studio's stop ends them both.
         QVERIFY(!plain.publishEnded(keys[1]) && !secure.publishEnded(keys[2]));
         const int pushed = int(row.output->videoFrames);
         row.button->click();
@@ -102,16 +95,15 @@ private Q_SLOTS:
                                  (!secureReached || secure.publishEnded(keys[2])), 20000);
         plain.stop();
         secure.stop();
-        // A platform's picture starts at the first key frame it receives, the studio's second (one every 60
-        // frames); of what follows, a busy machine may drop some at the source.
+        // Platforms start at the studio's second key frame (one every 60); a busy machine may drop some.
         for (const auto& [file, reached] : {std::pair(plain.recording(keys[1]), relayKey),
                                             std::pair(secure.recording(keys[2]), secureReached)}) {
             QVERIFY2(reached || !QFileInfo::exists(file), qPrintable(file));
             const auto streams = reached ? probeStreams(file) : QMap<QString, ProbedStream>();
             QVERIFY2(!reached || (streams.value(QStringLiteral("h264")).frames >= (pushed - 60) / 2 &&
-                                  streams.value(QStringLiteral("aac")).frames > 0), qPrintable(describeStreams(streams)));
+                                  streams.value(QStringLiteral("aac")).frames > 0),
+                     qPrintable(describeStreams(streams)));
         }
-        // What the script printed names no key.
         const QByteArray printed = relay.readAll();
         for (const QString& key : keys)
             QVERIFY2(!printed.contains(key.toUtf8()), printed.constData());
