@@ -24,7 +24,6 @@ private Q_SLOTS:
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
         gst_init(nullptr, nullptr);
     }
-
     void fanOut_data()
     {
         QTest::addColumn<bool>("relayKey"); // the studio sends under the relay's key, or another one
@@ -39,39 +38,31 @@ private Q_SLOTS:
         QFETCH(bool, trusted);
         const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT "/") + QString::fromUtf8(QTest::currentDataTag());
         QDir(folder).removeRecursively();
-        RtmpServer plain(folder + QStringLiteral("/plain"));
-        RtmpServer secure(folder + QStringLiteral("/secure"), true);
+        RtmpServer plain(folder + "/plain"), secure(folder + "/secure", true);
         QVERIFY2(plain.ok() && secure.ok(), qPrintable(plain.errorString() + secure.errorString()));
         // nginx checks a certificate by host name, and the test's names localhost.
         const QStringList keys{"relay-key-of-the-church", "plain-platform-key", "secure-platform-key"};
-        QFile destinations(folder + QStringLiteral("/destinations.txt"));
-        QVERIFY(destinations.open(QIODevice::WriteOnly));
-        destinations.write(QStringLiteral("relay %1\n%2\n%3\n").arg(keys[0], plain.url(keys[1]),
-                                                                    secure.tlsUrl(keys[2], "localhost")).toUtf8());
-        destinations.close();
+        QFile list(folder + "/destinations.txt");
+        QVERIFY(list.open(QIODevice::WriteOnly));
+        list.write(QStringLiteral("relay %1\n%2\n%3\n").arg(keys[0], plain.url(keys[1]),
+                                                            secure.tlsUrl(keys[2], "localhost")).toUtf8());
+        list.close();
         const quint16 port = RtmpServer::freePort();
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("RELAY_PORT"), QString::number(port));
-        environment.insert(QStringLiteral("RELAY_LEG_PORT"), QString::number(RtmpServer::freePort()));
-        environment.insert(QStringLiteral("RELAY_FOLDER"), folder + QStringLiteral("/relay"));
+        environment.insert("RELAY_PORT", QString::number(port));
+        environment.insert("RELAY_LEG_PORT", QString::number(RtmpServer::freePort()));
+        environment.insert("RELAY_FOLDER", folder + "/relay");
         // Unknown: the platform's own certificate stands where its authority should.
-        environment.insert(QStringLiteral("RELAY_CA_FILE"),
-                           trusted ? secure.caCertificate() : secure.folder() + QStringLiteral("/server.crt"));
+        environment.insert("RELAY_CA_FILE", trusted ? secure.caCertificate() : secure.folder() + "/server.crt");
         QProcess relay;
         relay.setProcessEnvironment(environment);
         relay.setProcessChannelMode(QProcess::MergedChannels);
-        relay.start(QStringLiteral(VELMORA_SOURCE_DIR "/tools/relay/relay.sh"), {destinations.fileName()});
-        const auto stopRelay = qScopeGuard([&relay] {
-            relay.terminate();
-            relay.waitForFinished(10000);
-        });
+        relay.start(QStringLiteral(VELMORA_SOURCE_DIR "/tools/relay/relay.sh"), {list.fileName()});
+        const auto stopRelay = qScopeGuard([&relay] { relay.terminate(), relay.waitForFinished(10000); });
         QVERIFY(relay.waitForStarted());
-        const auto accepts = [port] {
-            QTcpSocket probe;
-            probe.connectToHost(QHostAddress::LocalHost, port);
-            return probe.waitForConnected(100);
-        };
-        QTRY_VERIFY_WITH_TIMEOUT(relay.state() != QProcess::Running || accepts(), 20000);
+        QTcpSocket probe;
+        QTRY_VERIFY_WITH_TIMEOUT(relay.state() != QProcess::Running || (probe.connectToHost(QHostAddress::LocalHost,
+                                 port), probe.waitForConnected(100)), 20000);
         QVERIFY2(relay.state() == QProcess::Running, relay.readAll().constData());
         StudioWindow window(false);
         Destination& row = window.destinations[3];
@@ -79,14 +70,14 @@ private Q_SLOTS:
         row.key->setText(relayKey ? keys[0] : QStringLiteral("a-guess-at-the-key"));
         row.button->click();
         const bool secureReached = relayKey && trusted;
-        const auto certificateRefused = [&folder] {
-            QFile log(folder + QStringLiteral("/relay/error.log"));
+        const auto refused = [&folder] {
+            QFile log(folder + "/relay/error.log");
             return log.open(QIODevice::ReadOnly) && log.readAll().contains("upstream SSL certificate verify error");
         };
         QTRY_VERIFY2_WITH_TIMEOUT(row.output && row.output->videoFrames >= 120 &&
                                       (!relayKey || QFileInfo(plain.recording(keys[1])).size() > 0) &&
                                       (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 0) &&
-                                      (trusted || certificateRefused()),
+                                      (trusted || refused()),
                                   qPrintable(plain.log() + secure.log()), 30000);
         QVERIFY(!plain.publishEnded(keys[1]) && !secure.publishEnded(keys[2]));
         const int pushed = int(row.output->videoFrames);
@@ -98,11 +89,9 @@ private Q_SLOTS:
         // Platforms start at the studio's second key frame (one every 60); a busy machine may drop some.
         for (const auto& [file, reached] : {std::pair(plain.recording(keys[1]), relayKey),
                                             std::pair(secure.recording(keys[2]), secureReached)}) {
-            QVERIFY2(reached || !QFileInfo::exists(file), qPrintable(file));
-            const auto streams = reached ? probeStreams(file) : QMap<QString, ProbedStream>();
-            QVERIFY2(!reached || (streams.value(QStringLiteral("h264")).frames >= (pushed - 60) / 2 &&
-                                  streams.value(QStringLiteral("aac")).frames > 0),
-                     qPrintable(describeStreams(streams)));
+            const auto streams = probeStreams(file);
+            QVERIFY2(reached ? streams.value("h264").frames >= (pushed - 60) / 2 && streams.value("aac").frames > 0
+                             : !QFileInfo::exists(file), qPrintable(file + describeStreams(streams)));
         }
         const QByteArray printed = relay.readAll();
         for (const QString& key : keys)
