@@ -95,7 +95,7 @@ private Q_SLOTS:
         changes = 0;
         panel->currentLayer = [this] { return selected; };
         panel->changed = [this] { ++changes; };
-        panel->pickColour = [](const QColor&, bool) { return qFatal("no colour dialog in a test"), QColor(); };
+        panel->pickColour = [](const QColor&, bool) -> QColor { qFatal("no colour dialog in a test"); };
     }
 
     void rowsPerKind_data()
@@ -182,7 +182,10 @@ private Q_SLOTS:
         QFETCH(QVariant, value);
         QFETCH(QJsonObject, written);
         int asked = 0;
-        panel->pickColour = [&](const QColor&, bool) { return ++asked, QColor(1, 2, 3); };
+        panel->pickColour = [&](const QColor&, bool) {
+            ++asked;
+            return QColor(1, 2, 3);
+        };
         panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->findVerse = [&](const QString&) { ++changes; };
         Layer layer;
@@ -216,7 +219,10 @@ private Q_SLOTS:
         layer.kind = Layer::Kind::Text;
         layer.name = QStringLiteral("Título");
         attach(layer);
-        panel->changed = [&] { ++changes, panel->refresh(selected); };
+        panel->changed = [&] {
+            ++changes;
+            panel->refresh(selected);
+        };
         const QPointer<QDoubleSpinBox> x = panel->findChild<QDoubleSpinBox*>(QStringLiteral("X"));
         const QPointer<QLineEdit> name = field<QLineEdit>(*panel, QStringLiteral("Nombre"));
         x->setValue(30.0);

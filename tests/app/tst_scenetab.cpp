@@ -18,7 +18,7 @@ QPushButton* buttonNamed(StudioWindow& window, const QString& text)
     for (QPushButton* each : window.findChildren<QPushButton*>())
         if (each->text() == text)
             return each;
-    return qFatal("no button \"%s\"", qPrintable(text)), nullptr;
+    qFatal("no button \"%s\"", qPrintable(text));
 }
 
 // Triggers the "+ Fuente" menu entry `text`.
@@ -71,8 +71,11 @@ class tst_SceneTab : public QObject
     {
         watch = new QTimer(this);
         connect(watch, &QTimer::timeout, this, [timer = watch.data(), answer] {
-            if (auto* dialog = qobject_cast<D*>(QApplication::activeModalWidget()))
-                timer->deleteLater(), timer->stop(), answer(dialog);
+            if (auto* dialog = qobject_cast<D*>(QApplication::activeModalWidget())) {
+                timer->deleteLater();
+                timer->stop();
+                answer(dialog);
+            }
         });
         watch->start(5);
     }

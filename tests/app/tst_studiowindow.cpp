@@ -1,28 +1,29 @@
 #include "StudioWindow.h"
 #include "i18n.h"
 
-#include <QApplication>
-#include <QComboBox>
-#include <QLabel>
-#include <QMessageBox>
-#include <QProgressBar>
-#include <QSettings>
 #include <QTest>
+#include <QtWidgets>
 #include <stdexcept>
 
 // Answers the next message box with `answer`, noting its text in `seen`.
 static void answerNextBox(QMessageBox::StandardButton answer, QString* seen)
 {
     QTimer::singleShot(0, qApp, [answer, seen] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
-            *seen = box->text(), box->button(answer)->click();
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            *seen = box->text();
+            box->button(answer)->click();
+        }
     });
 }
 
 struct CloseSeen : QObject
 {
     bool seen = false;
-    bool eventFilter(QObject*, QEvent* event) override { return (seen |= event->type() == QEvent::Close), false; }
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        seen = seen || event->type() == QEvent::Close;
+        return false;
+    }
 };
 
 class tst_StudioWindow : public QObject
@@ -32,6 +33,8 @@ class tst_StudioWindow : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
+        if (qEnvironmentVariableIsSet("VELMORA_TEST_RESTARTED")) // a restart a window in here asked for
+            std::exit(0);
         QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
         QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
@@ -92,6 +95,7 @@ private Q_SLOTS:
     void languageCombo()
     {
         StudioWindow window(false);
+        qputenv("VELMORA_TEST_RESTARTED", "1");
         CloseSeen closed;
         window.installEventFilter(&closed);
         QSettings settings;
