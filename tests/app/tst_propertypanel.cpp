@@ -53,24 +53,18 @@ void operate(QWidget& panel, const QString& name, const QVariant& value)
     QWidget* control = panel.findChild<QDoubleSpinBox*>(name);
     if (!control)
         control = field(panel, name);
-    if (auto* spin = qobject_cast<QDoubleSpinBox*>(control))
-        spin->setValue(value.toDouble());
-    else if (auto* slider = qobject_cast<QSlider*>(control))
-        slider->setValue(value.toInt());
-    else if (auto* size = qobject_cast<QSpinBox*>(control))
-        size->setValue(value.toInt());
-    else if (auto* combo = qobject_cast<QComboBox*>(control))
-        combo->setCurrentIndex(value.toInt());
-    else if (qobject_cast<QLineEdit*>(control))
-        QTest::keyClicks(control, value.toString());
-    else if (auto* text = qobject_cast<QPlainTextEdit*>(control))
-        text->setPlainText(value.toString());
-    else if (auto* grid = control ? qobject_cast<QGridLayout*>(control->layout()) : nullptr)
+    QVERIFY2(control, qPrintable(name));
+    if (auto* grid = qobject_cast<QGridLayout*>(control->layout()))
         qobject_cast<QPushButton*>(grid->itemAtPosition(value.toInt() / 3, value.toInt() % 3)->widget())->click();
     else if (auto* button = qobject_cast<QAbstractButton*>(control))
         button->click();
+    else if (qobject_cast<QLineEdit*>(control))
+        QTest::keyClicks(control, value.toString());
     else
-        QFAIL(qPrintable(QStringLiteral("no control ") + name));
+        QVERIFY(control->setProperty(control->inherits("QComboBox")        ? "currentIndex"
+                                     : control->inherits("QPlainTextEdit") ? "plainText"
+                                                                           : "value",
+                                     value));
 }
 
 void dropOldForms() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }

@@ -9,8 +9,6 @@
 #include <QtWidgets>
 #include <functional>
 
-Q_DECLARE_METATYPE(Layer::Kind)
-
 namespace {
 
 QPushButton* buttonNamed(StudioWindow& window, const QString& text)
@@ -185,36 +183,29 @@ private Q_SLOTS:
         QCOMPARE(window.sceneList->count(), 1);
     }
 
-    void sourceMenuEntries_data()
-    {
-        QTest::addColumn<QString>("entry");
-        QTest::addColumn<Layer::Kind>("kind");
-        QTest::newRow("camera") << QStringLiteral("Cámara / capturadora") << Layer::Kind::Camera;
-        QTest::newRow("screen") << QStringLiteral("Captura de pantalla") << Layer::Kind::Screen;
-        QTest::newRow("colour") << QStringLiteral("Color sólido") << Layer::Kind::Color;
-        QTest::newRow("text") << QStringLiteral("Texto") << Layer::Kind::Text;
-        QTest::newRow("verse") << QStringLiteral("Versículo bíblico") << Layer::Kind::Verse;
-        QTest::newRow("subtitles") << QStringLiteral("Subtítulos (IA): posición y estilo")
-                                   << Layer::Kind::Subtitle;
-    }
-    // The new layer is selected, on top of the list and in the panel.
+    // Each entry adds its kind on top, named after its place and selected in the canvas, the list and the panel.
     void sourceMenuEntries()
     {
-        QFETCH(QString, entry);
-        QFETCH(Layer::Kind, kind);
         StudioWindow window(false);
-        const auto refusal = answerBox();
-        addSource(window, entry);
-        QVERIFY2(refusal->isEmpty(), qPrintable(refusal->join(u' ')));
-        const Layer& made = window.scene().layers.at(1);
-        QCOMPARE(made.kind, kind);
-        QCOMPARE(made.name, Layer::label(kind) + QStringLiteral(" 2"));
-        QCOMPARE(window.canvas->selected, 1);
-        QCOMPARE(window.layerList->currentRow(), 0);
-        QCOMPARE(window.layerList->item(0)->text(), made.name);
-        QVERIFY(window.propertyPanel->findChild<QDoubleSpinBox*>(QStringLiteral("X")));
-        const QString note = "Captura de pantalla añadida. macOS puede pedir permiso de Grabación de pantalla.";
-        QCOMPARE(window.statusLabel->text() == note, kind == Layer::Kind::Screen);
+        const QList<std::pair<const char*, Layer::Kind>> entries{
+            {"Cámara / capturadora", Layer::Kind::Camera}, {"Color sólido", Layer::Kind::Color},
+            {"Texto", Layer::Kind::Text}, {"Versículo bíblico", Layer::Kind::Verse},
+            {"Subtítulos (IA): posición y estilo", Layer::Kind::Subtitle}, {"Captura de pantalla", Layer::Kind::Screen}};
+        for (int i = 0; i < entries.size(); ++i) {
+            const auto refusal = answerBox();
+            addSource(window, QString::fromUtf8(entries[i].first));
+            QVERIFY2(refusal->isEmpty(), qPrintable(refusal->join(u' ')));
+            delete watch.data();
+            const Layer& made = window.scene().layers.at(std::size_t(i) + 1);
+            QCOMPARE(made.kind, entries[i].second);
+            QCOMPARE(made.name, Layer::label(made.kind) + u' ' + QString::number(i + 2));
+            QCOMPARE(window.canvas->selected, i + 1);
+            QCOMPARE(window.layerList->currentRow(), 0);
+            QCOMPARE(window.layerList->item(0)->text(), made.name);
+            QVERIFY(window.propertyPanel->findChild<QDoubleSpinBox*>(QStringLiteral("X")));
+        }
+        QCOMPARE(window.statusLabel->text(),
+                 QStringLiteral("Captura de pantalla añadida. macOS puede pedir permiso de Grabación de pantalla."));
     }
 
     // Full lists take nothing more, and say why; the screen capture is refused before it starts a
