@@ -247,33 +247,26 @@ private Q_SLOTS:
     // The background is offered with its alpha, the text colour without; a cancelled dialog changes nothing.
     void colourButtons()
     {
-        QColor offered;
-        QList<bool> alphas;
+        QStringList offered; // the colour shown, and whether its alpha is offered too
         QColor answer(10, 20, 30, 40);
         panel->pickColour = [&](const QColor& current, bool withAlpha) {
-            offered = current;
-            alphas << withAlpha;
+            offered << current.name(QColor::HexArgb) + (withAlpha ? QStringLiteral(" alpha") : QString());
             return answer;
         };
         Layer layer;
         layer.kind = Layer::Kind::Verse;
         attach(layer);
-        const auto style = [](const char* colour) {
-            return QStringLiteral("QPushButton{background:%1;border:1px solid #88a;}").arg(QLatin1String(colour));
-        };
         auto* background = field<QPushButton>(*panel, QStringLiteral("Fondo (con transparencia)"));
-        QCOMPARE(background->styleSheet(), style("#96000000"));
-        background->click();
-        QCOMPARE(offered, QColor(0, 0, 0, 150));
-        QCOMPARE(layer.background, answer);
-        QCOMPARE(background->styleSheet(), style("#280a141e"));
-        answer = QColor();
         auto* text = field<QPushButton>(*panel, QStringLiteral("Color del texto"));
+        QVERIFY(background->styleSheet().contains(QStringLiteral("background:#96000000;")));
+        background->click();
+        answer = QColor(); // cancelled
         text->click();
-        QCOMPARE(offered, QColor(255, 255, 255));
+        QCOMPARE(offered, (QStringList{"#96000000 alpha", "#ffffffff"}));
+        QCOMPARE(layer.background, QColor(10, 20, 30, 40));
         QCOMPARE(layer.color, QColor(255, 255, 255));
-        QCOMPARE(text->styleSheet(), style("#ffffff"));
-        QCOMPARE(alphas, (QList<bool>{true, false}));
+        QVERIFY(background->styleSheet().contains(QStringLiteral("background:#280a141e;")));
+        QVERIFY(text->styleSheet().contains(QStringLiteral("background:#ffffff;")));
         QCOMPARE(changes, 1);
     }
 
