@@ -246,32 +246,43 @@ private Q_SLOTS:
         QCOMPARE(readFile(path), written);
     }
 
-    // The layers stay, without their pictures, and what could be opened was; the studio goes on drawing.
-    void missingFilesAreNamedInOneWarning()
+    // Program alone still held a removed video's source: the open stops it on a worker. Missing files are
+    // named in one warning, their layers stay without their pictures, and what could be opened was.
+    void openStopsOldSourcesAndNamesMissingFiles()
     {
         const QString gone = folder + QStringLiteral("/gone");
         QDir(gone).removeRecursively();
         const QString missingVideo = QUrl::fromLocalFile(gone + QStringLiteral("/clip.webm")).toString();
         const QString path = folder + QStringLiteral("/missing.tavrin");
         QVERIFY(writeFile(path, QStringLiteral(R"({"version":3,"gain":100,"scenes":[{"name":"Culto","layers":[
-            {"kind":"text","name":"Título"},{"kind":"video","name":"Clip","uri":"%1"}]}],
-            "hall":[{"name":"Sala","layers":[{"kind":"image","name":"Logo","path":"%2/logo.png"},
-                                             {"kind":"image","name":"Bueno","path":"%3"}]}]})")
+            {"kind":"text","name":"Título"},{"kind":"video","name":"Clip","uri":"%1"},
+            {"kind":"image","name":"Logo","path":"%2/logo.png"},{"kind":"image","name":"Bueno","path":"%3"}]}]})")
                                     .arg(missingVideo, gone, picturePath)
                                     .toUtf8()));
         StudioWindow window(false);
+        window.addVideoLayer(videoUri);
+        window.take();
+        window.scene().layers.pop_back();
+        window.refreshLayerList();
+        const std::weak_ptr<Media> onAir = window.program.layers.back().media;
+        QCOMPARE(onAir.use_count(), 1L);
+        QTRY_VERIFY_WITH_TIMEOUT(onAir.lock()->frameCount > 0, 10000); // playing, so it passes PAUSED to READY
+        gst_bus_set_sync_handler(onAir.lock()->bus.get(), noteTeardown, nullptr, nullptr);
         ModalWatch watch;
         window.openProject(path);
         QCOMPARE(watch.seen, QStringList{"Abrir proyecto: Clip: No se pudo iniciar fuente\n"
                                          "Logo: Imagen inválida o demasiado grande"});
         QCOMPARE(window.statusLabel->text(), projectDone);
-        const std::vector<Layer>& stream = window.scenes[0][0].layers;
-        QCOMPARE(stream.size(), std::size_t(2));
-        QVERIFY(stream[1].uri == missingVideo && !stream[1].media);
-        const std::vector<Layer>& hall = window.scenes[1][0].layers;
-        QCOMPARE(hall.size(), std::size_t(2));
-        QVERIFY(!hall[0].image && hall[1].image);
-        const QImage before = window.canvas->frame;
+        QVERIFY(window.program.layers.empty());
+        const std::vector<Layer>& layers = window.scenes[0][0].layers;
+        QCOMPARE(layers.size(), std::size_t(4));
+        QVERIFY(layers[1].uri == missingVideo && !layers[1].media && !layers[2].image && layers[3].image);
+        // A project without Hall scenes gets the hall's default one.
+        QCOMPARE(scenesJson(window.scenes[1]), QJsonArray{window.defaultScene(1).toJson()});
+        QTRY_VERIFY_WITH_TIMEOUT(teardownThread != 0, 10000);
+        QCOMPARE(teardownThread.load(), 2);
+        QTRY_VERIFY(onAir.expired());
+        const QImage before = window.canvas->frame; // and the studio goes on drawing
         QTRY_VERIFY(window.canvas->frame.cacheKey() != before.cacheKey());
     }
 
@@ -329,29 +340,6 @@ private Q_SLOTS:
         QCOMPARE(stateOf(window), before);
         QVERIFY(showsPicture(window.programMonitor->image));
         QVERIFY(!recording || window.recording->running);
-    }
-
-    // Program alone still holds the removed video's source: a project opened stops it on a worker.
-    void sourceOnlyProgramShowsIsStoppedOnAWorker()
-    {
-        const QString path = folder + QStringLiteral("/plain.tavrin");
-        QVERIFY(writeFile(path, R"({"version":3,"gain":100,"scenes":[{"name":"Otra"}]})"));
-        StudioWindow window(false);
-        window.addVideoLayer(videoUri);
-        window.take();
-        window.scene().layers.pop_back();
-        window.refreshLayerList();
-        const std::weak_ptr<Media> onAir = window.program.layers.back().media;
-        QCOMPARE(onAir.use_count(), 1L);
-        QTRY_VERIFY_WITH_TIMEOUT(onAir.lock()->frameCount > 0, 10000); // playing, so it passes PAUSED to READY
-        gst_bus_set_sync_handler(onAir.lock()->bus.get(), noteTeardown, nullptr, nullptr);
-        window.openProject(path);
-        QVERIFY(window.program.layers.empty());
-        QTRY_VERIFY_WITH_TIMEOUT(teardownThread != 0, 10000);
-        QCOMPARE(teardownThread.load(), 2);
-        QTRY_VERIFY(onAir.expired());
-        // A project without Hall scenes gets the hall's default one.
-        QCOMPARE(scenesJson(window.scenes[1]), QJsonArray{window.defaultScene(1).toJson()});
     }
 };
 
