@@ -44,9 +44,9 @@ private Q_SLOTS:
     // An empty bus gets its default scene, an index out of range is clamped: {bus, scenes, current, clamped}.
     void sceneIsNeverMissing()
     {
+        StudioWindow window(false);
         for (const auto& [bus, count, current, clamped] :
              std::initializer_list<std::array<int, 4>>{{0, 0, 5, 0}, {1, 0, -1, 0}, {0, 3, 7, 2}, {1, 2, -4, 0}}) {
-            StudioWindow window(false);
             window.editTarget = bus;
             window.scenes[bus].assign(std::size_t(count), SceneDef{});
             window.current[bus] = current;
