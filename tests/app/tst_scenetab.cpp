@@ -7,7 +7,9 @@
 
 #include <QTest>
 #include <QtWidgets>
+#include <csignal>
 #include <functional>
+#include <sys/prctl.h>
 
 namespace {
 
@@ -108,6 +110,7 @@ private Q_SLOTS:
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
         gst_init(nullptr, nullptr);
         QVERIFY(QDir().mkpath(folder));
+        xvfb.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGTERM); }); // ends with this test, even a crash
         xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "320x240x24"});
         QVERIFY(xvfb.waitForReadyRead(10000));
         qputenv("DISPLAY", ':' + xvfb.readAllStandardOutput().trimmed());
@@ -190,7 +193,8 @@ private Q_SLOTS:
         const QList<std::pair<const char*, Layer::Kind>> entries{
             {"Cámara / capturadora", Layer::Kind::Camera}, {"Color sólido", Layer::Kind::Color},
             {"Texto", Layer::Kind::Text}, {"Versículo bíblico", Layer::Kind::Verse},
-            {"Subtítulos (IA): posición y estilo", Layer::Kind::Subtitle}, {"Captura de pantalla", Layer::Kind::Screen}};
+            {"Subtítulos (IA): posición y estilo", Layer::Kind::Subtitle},
+            {"Captura de pantalla", Layer::Kind::Screen}};
         for (int i = 0; i < entries.size(); ++i) {
             const auto refusal = answerBox();
             addSource(window, QString::fromUtf8(entries[i].first));
