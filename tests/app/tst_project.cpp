@@ -15,8 +15,7 @@
 
 namespace {
 
-// Answers modal windows as the operator would: a file dialog with the next of `files` (an empty one
-// cancels), a message box with OK. Notes "title: text" of a box, "title: filters" of a file dialog.
+// Answers file dialogs with the next of `files` (none: cancel), boxes with OK; notes what each showed.
 struct ModalWatch : QObject
 {
     QStringList files, seen, selected;
@@ -96,8 +95,7 @@ bool allBlack(const QImage& image)
     return !image.isNull();
 }
 
-// Whether a pipeline was taken down (PAUSED to READY) on the GUI thread (1) or another (2); its bus
-// calls this in the thread that changes the state.
+// Set by the bus in the thread that takes the pipeline from PAUSED to READY: 1 the GUI thread, 2 another.
 std::atomic<int> teardownThread{0};
 const std::thread::id guiThread = std::this_thread::get_id();
 GstBusSyncReply noteTeardown(GstBus*, GstMessage* message, gpointer)
@@ -115,8 +113,7 @@ const QString projectDone =
 
 } // namespace
 
-// Project open and save on a real window: the file one studio writes, another opens, with real
-// pictures and a real video behind its layers.
+// Project open and save on real windows, with real pictures and a real video behind the layers.
 class tst_Project : public QObject
 {
     Q_OBJECT
@@ -223,8 +220,7 @@ private Q_SLOTS:
         QCOMPARE(reader.overlayField->text(), QStringLiteral("Culto de domingo"));
         QCOMPARE(reader.audioState.gain, 1.5);
 
-        // Pictures are decoded again from their files and the video runs again from its address, at
-        // the project's vertical size.
+        // Pictures are decoded again, and the video runs again at the project's vertical size.
         const Layer& picture = reader.scenes[0][0].layers[1];
         QVERIFY(picture.image && reader.scenes[1][1].layers.back().image);
         QCOMPARE(QSize(picture.image->width, picture.image->height), QSize(64, 32));
@@ -246,8 +242,7 @@ private Q_SLOTS:
         QCOMPARE(readFile(path), written);
     }
 
-    // Program alone still held a removed video's source: the open stops it on a worker. Missing files are
-    // named in one warning, their layers stay without their pictures, and what could be opened was.
+    // A source only Program held stops on a worker; missing files are named in one warning, layers stay.
     void openStopsOldSourcesAndNamesMissingFiles()
     {
         const QString gone = folder + QStringLiteral("/gone");
@@ -313,8 +308,7 @@ private Q_SLOTS:
         QTest::newRow("while recording") << QByteArray(R"({"version":3,"gain":10,"scenes":[{"name":"Otra"}]})") << true
                                          << QStringLiteral("Detén salidas antes de abrir/guardar proyecto");
     }
-    // Through the buttons, as the operator meets them: the file dialog, then the failure's warning.
-    // While an output runs, no file dialog opens at all, for saving either.
+    // The file dialog, then the warning; while an output runs no file dialog opens, for saving either.
     void refusedFilesChangeNothing()
     {
         QFETCH(QByteArray, document);

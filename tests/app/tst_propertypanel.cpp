@@ -167,8 +167,7 @@ private Q_SLOTS:
         row("restart video", video, "Reiniciar video", {}, {});
         row("find verse", verse, "Buscar versículo", {}, {});
     }
-    // With the selection gone while the form still shows, the controls touch nothing. With it back,
-    // each control writes its own field and the position boxes show where the layer now is.
+    // Without a selection the controls touch nothing; with it, each writes its own field, boxes follow.
     void controlsWriteOnlyASelectedLayer()
     {
         QFETCH(Layer::Kind, kind);
@@ -205,8 +204,7 @@ private Q_SLOTS:
             QCOMPARE(panel->findChild<QDoubleSpinBox*>(QString(QLatin1Char("XYWH"[i])))->value(), sides[i] * 100.0);
     }
 
-    // The window refreshes the panel from inside an edit and on every drag: neither may pull the form
-    // from under the operator. Another layer, or another kind at the same address, gets a form of its own.
+    // A refresh from inside an edit or a drag keeps the form; another layer or kind gets a new one.
     void refreshRebuildsOnlyForAnotherLayerOrKind()
     {
         Layer layer;
@@ -270,9 +268,7 @@ private Q_SLOTS:
         QCOMPARE(changes, 1);
     }
 
-    // What the form shows, writing nothing back. A verse's reference holds the citation, then the Bible
-    // or the label of a machine translation. The alignment combo shows the horizontal flags: neither left
-    // nor right shows as centred.
+    // What the form shows, writing nothing back: a reference is "citation · Bible or translation".
     void formShowsTheLayer()
     {
         const auto shown = [this](Layer::Kind kind, const char* row, const char* source, int align = 0) {

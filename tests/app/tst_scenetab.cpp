@@ -57,8 +57,7 @@ void clickRow(QListWidget* list, int row)
 
 } // namespace
 
-// The tab "Escena y fuentes" on a real window: its scene and source buttons, the "+ Fuente" menu,
-// the source list and the canvas gestures that reach the panels.
+// The tab "Escena y fuentes" on a real window: scene buttons, "+ Fuente", the source list, canvas gestures.
 class tst_SceneTab : public QObject
 {
     Q_OBJECT
@@ -117,8 +116,7 @@ private Q_SLOTS:
     }
     void cleanup() { delete watch.data(); } // a dialog that never came must not answer the next test
 
-    // New, rename, duplicate, choose and delete through the buttons. A new scene starts as its bus's
-    // default one; a copy goes right after the original and shares its picture and running source.
+    // A new scene is its bus's default one; a copy goes after the original and shares its sources.
     void sceneButtons()
     {
         StudioWindow window(false);
@@ -212,8 +210,7 @@ private Q_SLOTS:
                  QStringLiteral("Captura de pantalla añadida. macOS puede pedir permiso de Grabación de pantalla."));
     }
 
-    // Full lists take nothing more, and say why; the screen capture is refused before it starts a
-    // pipeline. One subtitle source per scene: another scene may have its own, the hall's has one already.
+    // Full lists take nothing more, screen capture included, and say why; one subtitle source per scene.
     void refusedSources()
     {
         const QString layers = QStringLiteral("Esta escena ya tiene el máximo de capas.");
@@ -254,8 +251,7 @@ private Q_SLOTS:
         }
     }
 
-    // The list shows the front on top; check marks write `visible`, a stale row touches nothing, a click
-    // selects. Then each press, from nothing selected on: the order back to front, and the selection.
+    // Front on top; check marks write `visible`, a stale row nothing. Then ▲/▼/Eliminar: order and selection.
     void sourceListAndUpDownRemove()
     {
         StudioWindow window(false);
@@ -367,8 +363,7 @@ private Q_SLOTS:
         QCOMPARE(pixel(2 * 8192 - 1), QColor(10, 20, 30));
     }
 
-    // A double click on a box selects it and brings the tab forward without moving it; a drag moves it
-    // and the panel's position boxes follow in place, without a new form.
+    // A double click selects a box and shows this tab; a drag moves it, the panel's boxes follow in place.
     void canvasGesturesReachTheTabAndThePanel()
     {
         StudioWindow window(false);

@@ -66,8 +66,7 @@ private Q_SLOTS:
         QTest::newRow("stream") << 0;
         QTest::newRow("hall") << 1;
     }
-    // The hall cuts, fade or not, and takes no lower third; off air acts on the edited bus only, the
-    // stream fading out and the hall cutting.
+    // The hall cuts and takes no lower third; off air acts on the edited bus: the stream fades, the hall cuts.
     void takeAndOffAirOnEachBus()
     {
         QFETCH(int, bus);
