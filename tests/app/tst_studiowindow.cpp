@@ -16,16 +16,6 @@ static void answerNextBox(QMessageBox::StandardButton answer, QString* seen)
     });
 }
 
-struct CloseSeen : QObject
-{
-    bool seen = false;
-    bool eventFilter(QObject*, QEvent* event) override
-    {
-        seen = seen || event->type() == QEvent::Close;
-        return false;
-    }
-};
-
 class tst_StudioWindow : public QObject
 {
     Q_OBJECT
@@ -41,12 +31,14 @@ private Q_SLOTS:
         gst_init(nullptr, nullptr);
     }
 
-    // An empty bus gets its default scene, an index out of range is clamped: {bus, scenes, current, clamped}.
-    void sceneIsNeverMissing()
+    // An empty bus gets its default scene, an index out of range is clamped; meter bands at 70 and 90; a
+    // failing handler is shown and logged, not thrown.
+    void sceneMeterAndFailingHandler()
     {
+        tavrin_i18n::language() = QStringLiteral("en");
         StudioWindow window(false);
         for (const auto& [bus, count, current, clamped] :
-             std::initializer_list<std::array<int, 4>>{{0, 0, 5, 0}, {1, 0, -1, 0}, {0, 3, 7, 2}, {1, 2, -4, 0}}) {
+             std::initializer_list<std::array<int, 4>>{{1, 0, -1, 0}, {0, 3, 7, 2}, {1, 2, -4, 0}}) {
             window.editTarget = bus;
             window.scenes[bus].assign(std::size_t(count), SceneDef{});
             window.current[bus] = current;
@@ -54,12 +46,6 @@ private Q_SLOTS:
             QCOMPARE(window.current[bus], clamped);
             QCOMPARE(window.scene().layers.size(), count ? 0u : window.defaultScene(bus).layers.size());
         }
-    }
-
-    // Green below 70, amber below 90, red above; the stylesheet is set again only on a band change.
-    void meterBands()
-    {
-        StudioWindow window(false);
         const QStringList colours{"#29a782", "#e3b23c", "#d6453d"};
         for (const auto& [value, shown, band] : std::initializer_list<std::array<int, 3>>{
                  {-5, 0, 0}, {69, 69, 0}, {70, 70, 1}, {89, 89, 1}, {90, 90, 2}, {150, 100, 2}}) {
@@ -67,16 +53,10 @@ private Q_SLOTS:
             window.meter(&bar, value);
             QCOMPARE(bar.value(), shown);
             QVERIFY2(bar.styleSheet().contains(colours[band]), qPrintable(QString::number(value)));
-            bar.setStyleSheet(QStringLiteral("marker"));
+            bar.setStyleSheet(QStringLiteral("marker")); // the same band does not restyle
             window.meter(&bar, value);
             QCOMPARE(bar.styleSheet(), QStringLiteral("marker"));
         }
-    }
-
-    void failingHandlerIsReportedNotThrown()
-    {
-        tavrin_i18n::language() = QStringLiteral("en");
-        StudioWindow window(false);
         QPushButton* failing = window.button(QStringLiteral("x"));
         window.action(failing, [] { throw std::runtime_error("Proyecto inválido"); });
         QFile log(StudioWindow::logPath());
@@ -86,18 +66,17 @@ private Q_SLOTS:
         failing->click();
         tavrin_i18n::language() = QStringLiteral("es");
         QCOMPARE(boxText, QStringLiteral("Invalid project"));
-        QCOMPARE(window.statusLabel->text(), QStringLiteral("Invalid project"));
+        QCOMPARE(window.statusLabel->text(), boxText);
         QVERIFY(log.readAll().contains("  UI: Invalid project\n"));
         delete failing;
     }
 
-    // The choice is kept for the next start; the present language asks nothing, and No keeps the window.
+    // The choice is kept for the next start; the present language asks nothing, and No keeps the window open.
     void languageCombo()
     {
         StudioWindow window(false);
+        window.show();
         qputenv("VELMORA_TEST_RESTARTED", "1");
-        CloseSeen closed;
-        window.installEventFilter(&closed);
         QSettings settings;
         settings.remove(QStringLiteral("language"));
         QString question;
@@ -111,7 +90,7 @@ private Q_SLOTS:
         }
         QCOMPARE(question, QStringLiteral("El idioma cambiará al volver a abrir la app. ¿Reiniciar ahora?"));
         QCOMPARE(tavrin_i18n::language(), QStringLiteral("es")); // never changed inside a running process
-        QVERIFY(!closed.seen);
+        QVERIFY(window.isVisible());
     }
 };
 
