@@ -49,15 +49,6 @@ void click(const StudioWindow& window, const QString& text)
     qFatal("no button \"%s\"", qPrintable(text));
 }
 
-QByteArray scenesJson(const StudioWindow& window)
-{
-    QJsonArray array;
-    for (const auto& list : window.scenes)
-        for (const SceneDef& each : list)
-            array.append(each.toJson());
-    return QJsonDocument(array).toJson(QJsonDocument::Compact);
-}
-
 QByteArray readFile(const QString& path, const QByteArray& write = {})
 {
     QFile file(path);
@@ -79,6 +70,14 @@ class tst_Project : public QObject
     QString folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QString picturePath = folder + QStringLiteral("/logo.png");
     QString videoUri;
+    static QByteArray scenesJson(const StudioWindow& window)
+    {
+        QJsonArray array;
+        for (const auto& list : window.scenes)
+            for (const SceneDef& each : list)
+                array.append(each.toJson());
+        return QJsonDocument(array).toJson(QJsonDocument::Compact);
+    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -154,54 +153,42 @@ private Q_SLOTS:
         QTRY_VERIFY(!showsPicture(reader.hallMonitor->image));
     }
 
-    // A source only Program held stops on a worker; missing files are named in one warning, layers stay.
-    void openStopsOldSourcesAndNamesMissingFiles()
+    // A refused file changes nothing, Program included. An opened one names its missing files in one warning,
+    // keeps their layers, gives a bus without scenes its default one and lets a source only Program held go.
+    // While an output runs no file dialog opens, for saving either.
+    void refusedAndMissingFiles()
     {
-        const QString gone = QUrl::fromLocalFile(folder + QStringLiteral("/gone")).toString();
-        const QString path = folder + QStringLiteral("/missing.tavrin");
-        QVERIFY(!readFile(path, QStringLiteral(R"({"version":3,"gain":100,"scenes":[{"name":"Culto","layers":[
-            {"kind":"video","name":"Clip","uri":"%1/clip.webm"},{"kind":"image","name":"Logo","path":"/gone/logo.png"},
-            {"kind":"image","name":"Bueno","path":"%2"}]}]})").arg(gone, picturePath).toUtf8()).isEmpty());
+        const QString path = folder + QStringLiteral("/refused.tavrin");
+        QVERIFY(!readFile(path, R"({"version":3,"gain":100,"vertical":true,"scenes":[{"name":)").isEmpty());
         StudioWindow window(false);
         window.addVideoLayer(videoUri);
         window.take();
         window.scene().layers.pop_back();
         window.refreshLayerList();
         const std::weak_ptr<Media> onAir = window.program.layers.back().media;
-        QCOMPARE(onAir.use_count(), 1L);
         QTRY_VERIFY_WITH_TIMEOUT(onAir.lock()->frameCount > 0, 10000);
-        ModalWatch watch;
-        window.openProject(path);
-        QCOMPARE(watch.seen, QStringList{"Abrir proyecto: Clip: No se pudo iniciar fuente\n"
-                                         "Logo: Imagen inválida o demasiado grande"});
-        const std::vector<Layer>& layers = window.scenes[0][0].layers;
-        QVERIFY(layers.size() == 3 && !layers[0].media && !layers[1].image && layers[2].image);
-        QTRY_VERIFY(onAir.expired());
-        const QImage before = window.canvas->frame; // and the studio goes on drawing
-        QTRY_VERIFY(window.canvas->frame.cacheKey() != before.cacheKey());
-    }
-
-    // A refused file changes nothing, Program included; a project without lists gets each bus's default
-    // scene; while an output runs no file dialog opens, for saving either.
-    void refusedFilesChangeNothing()
-    {
-        const QString path = folder + QStringLiteral("/refused.tavrin");
-        QVERIFY(!readFile(path, R"({"version":3,"gain":100,"vertical":true,"scenes":[{"name":)").isEmpty());
-        StudioWindow window(false);
-        window.fadeCheck->setChecked(false);
-        window.take();
         QTRY_VERIFY(showsPicture(window.programMonitor->image));
-        const QByteArray defaults = scenesJson(window);
-        window.scenes[0].push_back(SceneDef{QStringLiteral("Otra"), {}});
         const QByteArray before = scenesJson(window);
         ModalWatch watch({path});
         click(window, QStringLiteral("Abrir proyecto"));
         QCOMPARE(watch.seen, (QStringList{"Abrir proyecto", "Velmora: Versión de proyecto inválida"}));
         QVERIFY(scenesJson(window) == before && window.formatCombo->currentIndex() == 0);
-        QVERIFY(!window.program.layers.empty());
-        QVERIFY(!readFile(path, R"({"version":3,"gain":100})").isEmpty());
+        QVERIFY(!window.program.layers.empty() && onAir.use_count() == 1);
+
+        watch.seen.clear();
+        const QString gone = QUrl::fromLocalFile(folder + QStringLiteral("/gone")).toString();
+        QVERIFY(!readFile(path, QStringLiteral(R"({"version":3,"gain":100,"scenes":[{"name":"Culto","layers":[
+            {"kind":"video","name":"Clip","uri":"%1/clip.webm"},{"kind":"image","name":"Logo","path":"/gone/logo.png"},
+            {"kind":"image","name":"Bueno","path":"%2"}]}]})").arg(gone, picturePath).toUtf8()).isEmpty());
         window.openProject(path);
-        QCOMPARE(scenesJson(window), defaults);
+        QCOMPARE(watch.seen, QStringList{"Abrir proyecto: Clip: No se pudo iniciar fuente\n"
+                                         "Logo: Imagen inválida o demasiado grande"});
+        const std::vector<Layer>& layers = window.scenes[0][0].layers;
+        QVERIFY(layers.size() == 3 && !layers[0].media && !layers[1].image && layers[2].image);
+        QCOMPARE(window.scenes[1].front().toJson(), window.defaultScene(1).toJson());
+        QTRY_VERIFY(onAir.expired());
+        const QImage drawn = window.canvas->frame; // and the studio goes on drawing
+        QTRY_VERIFY(window.canvas->frame.cacheKey() != drawn.cacheKey());
 
         window.startRecording(folder + QStringLiteral("/while-project.webm"));
         watch.seen.clear();

@@ -13,21 +13,18 @@
 
 namespace {
 
-QPushButton* buttonNamed(StudioWindow& window, const QString& text)
+// Clicks the button reading `text`, or else triggers that entry of the "+ Fuente" menu.
+void press(StudioWindow& window, const QString& text)
 {
-    for (QPushButton* each : window.findChildren<QPushButton*>())
+    const auto buttons = window.findChildren<QPushButton*>();
+    for (QPushButton* each : buttons)
         if (each->text() == text)
-            return each;
-    qFatal("no button \"%s\"", qPrintable(text));
-}
-
-// Triggers the "+ Fuente" menu entry `text`.
-void addSource(StudioWindow& window, const QString& text)
-{
-    for (QAction* each : buttonNamed(window, QStringLiteral("+ Fuente"))->menu()->actions())
-        if (each->text() == text)
-            return each->trigger();
-    qFatal("no entry \"%s\"", qPrintable(text));
+            return each->click();
+    for (QPushButton* each : buttons)
+        for (QAction* entry : each->menu() ? each->menu()->actions() : QList<QAction*>{})
+            if (entry->text() == text)
+                return entry->trigger();
+    qFatal("no control \"%s\"", qPrintable(text));
 }
 
 QStringList rows(const QListWidget* list)
@@ -88,16 +85,16 @@ class tst_SceneTab : public QObject
         });
         return seen;
     }
-    // Clicks "+ Escena" and answers the name dialog; returns its title, label and suggestion.
-    QStringList newScene(StudioWindow& window, const QString& answer, bool accept = true)
+    // Answers the next name dialog with `answer` (cancels without one); returns its title, label and suggestion.
+    QStringList nameDialog(StudioWindow& window, const char* control, const QString& answer)
     {
         QStringList asked;
         whenModal<QInputDialog>([&](QInputDialog* dialog) {
             asked << dialog->windowTitle() << dialog->labelText() << dialog->textValue();
             dialog->setTextValue(answer);
-            accept ? dialog->accept() : dialog->reject();
+            answer.isNull() ? dialog->reject() : dialog->accept();
         });
-        buttonNamed(window, QStringLiteral("+ Escena"))->click();
+        press(window, QString::fromUtf8(control));
         return asked;
     }
 
@@ -116,72 +113,51 @@ private Q_SLOTS:
     }
     void cleanup() { delete watch.data(); } // a dialog that never came must not answer the next test
 
-    // A new scene is its bus's default one; a copy goes after the original and shares its sources.
+    // A new scene is its bus's default one; a copy goes after the original and shares its sources; the last
+    // scene stays.
     void sceneButtons()
     {
         StudioWindow window(false);
         window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        window.tabs->setCurrentIndex(1);
-        const QStringList asked = newScene(window, QStringLiteral("Culto"), false);
-        QCOMPARE(asked, (QStringList{"Nueva escena", "Nombre", "Escena 2"}));
-        newScene(window, QString());
-        QCOMPARE(newScene(window, QStringLiteral("Ofrenda")).last(), QStringLiteral("Escena 2"));
+        QCOMPARE(nameDialog(window, "+ Escena", QString()), (QStringList{"Nueva escena", "Nombre", "Escena 2"}));
+        nameDialog(window, "+ Escena", QStringLiteral(""));
+        nameDialog(window, "+ Escena", QStringLiteral("Ofrenda"));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda"}));
-        QCOMPARE(window.sceneList->currentRow(), 1);
         QCOMPARE(window.sceneCombo->currentText(), QStringLiteral("Ofrenda"));
         QCOMPARE(window.canvas->scene, &window.scenes[0][1]);
-        for (int bus : {0, 1}) {
-            window.busChosen(bus);
-            if (bus)
-                newScene(window, QStringLiteral("Sala"));
-            SceneDef made = window.scenes[bus].back();
-            made.name = window.defaultScene(bus).name;
-            QCOMPARE(made.toJson(), window.defaultScene(bus).toJson());
-            QCOMPARE(window.scenes[bus].size(), 2u);
-        }
-        window.busChosen(0);
+        SceneDef made = window.scenes[0].back();
+        made.name = window.defaultScene(0).name;
+        QCOMPARE(made.toJson(), window.defaultScene(0).toJson());
 
         Layer picture = named(QStringLiteral("Logo"), Layer::Kind::Image);
         picture.image = std::make_shared<tavrin::Frame>(4, 2);
         window.scene().layers = {picture, named(QStringLiteral("Clip"), Layer::Kind::Video)};
-        whenModal<QInputDialog>([](QInputDialog* dialog) {
-            dialog->setTextValue(dialog->textValue() + QStringLiteral(" 2"));
-            dialog->accept();
-        });
-        buttonNamed(window, QStringLiteral("Renombrar"))->click();
-        buttonNamed(window, QStringLiteral("Duplicar"))->click();
+        QCOMPARE(nameDialog(window, "Renombrar", QStringLiteral("Ofrenda 2")).last(), QStringLiteral("Ofrenda"));
+        press(window, QStringLiteral("Duplicar"));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2", "Ofrenda 2 copia"}));
-        QCOMPARE(window.sceneCombo->currentText(), QStringLiteral("Ofrenda 2 copia"));
         const std::vector<Layer>& copy = window.scenes[0][2].layers;
         QVERIFY(copy.at(0).image && copy.at(1).media);
         QCOMPARE(copy[0].image.get(), window.scenes[0][1].layers[0].image.get());
         QCOMPARE(copy[1].media.get(), window.scenes[0][1].layers[1].media.get());
-
         clickRow(window.sceneList, 1);
-        QCOMPARE(window.current[0], 1);
-        QCOMPARE(window.sceneCombo->currentIndex(), 1);
-        QCOMPARE(window.canvas->scene, &window.scenes[0][1]);
+        QVERIFY(window.current[0] == 1 && window.sceneCombo->currentIndex() == 1);
         QCOMPARE(rows(window.layerList), (QStringList{"Clip", "Logo"}));
         const std::weak_ptr<Media> source = window.scene().layers[1].media;
         for (auto answer : {QMessageBox::No, QMessageBox::Yes}) {
             const auto seen = answerBox(answer);
-            buttonNamed(window, QStringLiteral("Eliminar escena"))->click();
+            press(window, QStringLiteral("Eliminar escena"));
             QCOMPARE(*seen, (QStringList{"Eliminar escena", "¿Eliminar la escena Ofrenda 2?"}));
-            QCOMPARE(source.expired(), false);
         }
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2 copia"}));
-        QCOMPARE(window.sceneList->currentRow(), window.current[0]);
         QCOMPARE(window.canvas->scene, &window.scene());
         window.scenes[0][1].layers.clear();
         QTRY_VERIFY(source.expired()); // the pipeline was let go on a worker
         window.scenes[0].pop_back();
         window.refreshSceneList();
         const auto seen = answerBox();
-        buttonNamed(window, QStringLiteral("Eliminar escena"))->click();
+        press(window, QStringLiteral("Eliminar escena"));
         QCOMPARE(*seen, (QStringList{"Velmora", "Debe quedar al menos una escena"}));
-        QCOMPARE(window.statusLabel->text(), seen->last());
-        QCOMPARE(window.sceneList->count(), 1);
+        QVERIFY(window.statusLabel->text() == seen->last() && window.sceneList->count() == 1);
     }
 
     // Each entry adds its kind on top, named after its place and selected in the canvas, the list and the panel.
@@ -195,15 +171,13 @@ private Q_SLOTS:
             {"Captura de pantalla", Layer::Kind::Screen}};
         for (int i = 0; i < entries.size(); ++i) {
             const auto refusal = answerBox();
-            addSource(window, QString::fromUtf8(entries[i].first));
+            press(window, QString::fromUtf8(entries[i].first));
             QVERIFY2(refusal->isEmpty(), qPrintable(refusal->join(u' ')));
             delete watch.data();
             const Layer& made = window.scene().layers.at(std::size_t(i) + 1);
             QCOMPARE(made.kind, entries[i].second);
             QCOMPARE(made.name, Layer::label(made.kind) + u' ' + QString::number(i + 2));
-            QCOMPARE(window.canvas->selected, i + 1);
-            QCOMPARE(window.layerList->currentRow(), 0);
-            QCOMPARE(window.layerList->item(0)->text(), made.name);
+            QVERIFY(window.canvas->selected == i + 1 && window.layerList->currentRow() == 0);
             QVERIFY(window.propertyPanel->findChild<QDoubleSpinBox*>(QStringLiteral("X")));
         }
         QCOMPARE(window.statusLabel->text(),
@@ -215,38 +189,32 @@ private Q_SLOTS:
     {
         const QString layers = QStringLiteral("Esta escena ya tiene el máximo de capas.");
         const QString scenes = QStringLiteral("Esta lista ya tiene el máximo de escenas.");
-        const QString subtitles = QStringLiteral("Subtítulos (IA): posición y estilo");
+        StudioWindow window(false);
+        window.scene().layers.resize(maxLayersPerScene);
+        window.scenes[0].resize(maxScenesPerList, window.scenes[0].front());
+        window.refreshSceneList();
         for (const auto& [control, refused] : std::initializer_list<std::pair<const char*, QString>>{
                  {"Texto", layers}, {"Captura de pantalla", layers}, {"+ Escena", scenes}, {"Duplicar", scenes}}) {
-            StudioWindow window(false);
-            window.scene().layers.resize(maxLayersPerScene);
-            window.scenes[0].resize(maxScenesPerList, window.scenes[0].front());
-            window.refreshSceneList();
             const auto seen = answerBox();
-            if (refused == layers)
-                addSource(window, QString::fromUtf8(control));
-            else
-                buttonNamed(window, QString::fromUtf8(control))->click();
-            QCOMPARE(seen->value(1), refused);
-            QCOMPARE(window.statusLabel->text(), refused);
-            QCOMPARE(window.scenes[0].size(), maxScenesPerList);
-            QCOMPARE(window.scene().layers.size(), maxLayersPerScene);
+            press(window, QString::fromUtf8(control));
+            QVERIFY(seen->value(1) == refused && window.statusLabel->text() == refused);
+            QVERIFY(window.scenes[0].size() == maxScenesPerList && window.scene().layers.size() == maxLayersPerScene);
         }
-        StudioWindow window(false);
-        addSource(window, subtitles);
+        const QString subtitles = QStringLiteral("Subtítulos (IA): posición y estilo");
+        window.scenes[0].resize(1);
+        window.scene().layers.resize(1);
+        press(window, subtitles);
         window.scenes[0].push_back(window.defaultScene(0));
         window.current[0] = 1;
         window.refreshSceneList();
-        addSource(window, subtitles);
-        QCOMPARE(window.scenes[0][0].layers.back().kind, Layer::Kind::Subtitle);
+        press(window, subtitles);
         QCOMPARE(window.scenes[0][1].layers.back().kind, Layer::Kind::Subtitle);
         for (int bus : {0, 1}) {
             window.busChosen(bus);
             const std::size_t before = window.scene().layers.size();
             const auto seen = answerBox();
-            addSource(window, subtitles);
+            press(window, subtitles);
             QCOMPARE(seen->value(1), QStringLiteral("Esta escena ya tiene una fuente de subtítulos."));
-            QCOMPARE(window.statusLabel->text(), seen->value(1));
             QCOMPARE(window.scene().layers.size(), before);
         }
     }
@@ -259,12 +227,9 @@ private Q_SLOTS:
         window.scene().layers[1].visible = false;
         window.canvas->select(0);
         window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        window.tabs->setCurrentIndex(1);
         QListWidget* list = window.layerList;
         QCOMPARE(rows(list), (QStringList{"C", "B", "A"}));
-        QCOMPARE(list->currentRow(), 2);
-        QCOMPARE(list->item(1)->checkState(), Qt::Unchecked);
+        QVERIFY(list->currentRow() == 2 && list->item(1)->checkState() == Qt::Unchecked);
         list->item(0)->setCheckState(Qt::Unchecked);
         list->item(1)->setCheckState(Qt::Checked);
         (new QListWidgetItem(QStringLiteral("D"), list))->setData(Qt::UserRole, std::numeric_limits<int>::max());
@@ -276,15 +241,12 @@ private Q_SLOTS:
         QCOMPARE(window.canvas->selected, 1);
 
         const std::weak_ptr<Media> source = window.scene().layers[2].media;
-        const QStringList presses{"▲", "▼", "Eliminar", "select 2", "▲", "▼", "▼", "▼", "▲", "Eliminar"};
+        const QStringList presses{"▲", "▼", "Eliminar", "select", "▲", "▼", "▼", "▼", "▲", "Eliminar"};
         const QStringList after{"ABC -1", "ABC -1", "ABC -1", "ABC 2", "ABC 2",
                                 "ACB 1",  "CAB 0",  "CAB 0",  "ACB 1", "AB -1"};
         window.canvas->select(-1);
         for (int i = 0; i < presses.size(); ++i) {
-            if (presses[i].startsWith(QLatin1String("select")))
-                window.canvas->select(2);
-            else
-                buttonNamed(window, presses[i])->click();
+            presses[i] == QLatin1String("select") ? window.canvas->select(2) : press(window, presses[i]);
             QString state;
             for (const Layer& each : window.scene().layers)
                 state += each.name;
@@ -292,112 +254,42 @@ private Q_SLOTS:
             if (window.canvas->selected >= 0) // the list follows, front on top
                 QCOMPARE(list->currentItem()->text(), window.selectedLayer()->name);
         }
-        QCOMPARE(rows(list), (QStringList{"B", "A"}));
         QTRY_VERIFY(source.expired()); // the removed video's pipeline was let go
     }
 
-    void pictures_data()
-    {
-        QTest::addColumn<QSize>("picture");
-        QTest::addColumn<bool>("vertical");
-        QTest::addColumn<int>("bus");
-        QTest::addColumn<QSizeF>("box");
-        // h = 0.4 × W / (a × H), at most 0.9, and then w = a × 0.9 × H / W; the hall stays 1920 x 1080.
-        QTest::newRow("8x1 in 1920x1080") << QSize(8, 1) << false << 0 << QSizeF(0.4, 0.0888889);
-        QTest::newRow("1x8 in 1920x1080") << QSize(1, 8) << false << 0 << QSizeF(0.0632813, 0.9);
-        QTest::newRow("16x9 in 1920x1080") << QSize(32, 18) << false << 0 << QSizeF(0.4, 0.4);
-        QTest::newRow("8x1 in 1080x1920") << QSize(8, 1) << true << 0 << QSizeF(0.4, 0.028125);
-        QTest::newRow("1x8 in 1080x1920") << QSize(1, 8) << true << 0 << QSizeF(0.2, 0.9);
-        QTest::newRow("1x8 on the hall, stream vertical") << QSize(1, 8) << true << 1 << QSizeF(0.0632813, 0.9);
-        // Refused: too wide, too tall, not a picture, missing.
-        for (const QSize& size : {QSize(8193, 10), QSize(10, 8193), QSize(0, 1), QSize(0, 2)})
-            QTest::addRow("refused %dx%d", size.width(), size.height()) << size << false << 0 << QSizeF();
-    }
-    // An image layer's box follows the picture's shape; the largest taken keeps straight alpha in RGBA.
+    // An image layer's box follows the picture's shape, h = 0.4 W / (a H) at most 0.9, then w = a 0.9 H / W,
+    // the hall staying 1920 x 1080; too large or not a picture is refused; straight alpha is kept, in RGBA.
     void pictures()
     {
-        QFETCH(QSize, picture);
-        QFETCH(bool, vertical);
-        QFETCH(int, bus);
-        QFETCH(QSizeF, box);
         StudioWindow window(false);
-        window.formatCombo->setCurrentIndex(vertical ? 1 : 0);
-        window.busChosen(bus);
-        const QString name = QStringLiteral("picture-%1x%2.png").arg(picture.width()).arg(picture.height());
-        const QString path = folder + u'/' + name;
-        QFile::remove(path);
-        QImage image(picture, QImage::Format_RGB32);
-        image.fill(QColor(30, 90, 150));
-        if (picture.width()) // else an empty file, or none at all
-            QVERIFY(image.save(path, "PNG"));
-        else if (picture.height() == 1)
-            QVERIFY(QFile(path).open(QIODevice::WriteOnly));
-        if (box.isEmpty()) {
-            QVERIFY_THROWS_EXCEPTION(std::runtime_error, window.addImageLayer(path));
-            QCOMPARE(window.scene().layers.size(), 1u);
-            return;
+        using Case = std::tuple<QSize, int, int, QSizeF>; // picture, format, bus, box
+        for (const auto& [size, format, bus, box] : {Case{{8, 1}, 0, 0, {0.4, 0.0888889}},
+                 Case{{1, 8}, 0, 0, {0.0632813, 0.9}}, Case{{1, 8}, 1, 0, {0.2, 0.9}}, Case{{1, 8}, 1, 1, {0.0632813, 0.9}},
+                 Case{{8193, 10}, 0, 0, {}}, Case{{10, 8193}, 0, 0, {}}, Case{{0, 1}, 0, 0, {}}}) {
+            window.formatCombo->setCurrentIndex(format);
+            window.busChosen(bus);
+            const QString path = folder + QStringLiteral("/picture-%1x%2.png").arg(size.width()).arg(size.height());
+            QImage image(size, QImage::Format_ARGB32);
+            image.fill(QColor(0, 0, 255));
+            image.setPixelColor(image.width() - 1, image.height() - 1, QColor(200, 100, 50, 128));
+            QVERIFY(size.width() ? image.save(path, "PNG") : QFile(path).open(QIODevice::WriteOnly));
+            const std::size_t before = window.scene().layers.size();
+            if (box.isEmpty()) {
+                QVERIFY_THROWS_EXCEPTION(std::runtime_error, window.addImageLayer(path));
+                QCOMPARE(window.scene().layers.size(), before);
+                continue;
+            }
+            window.addImageLayer(path);
+            const Layer& made = window.scene().layers.back();
+            QVERIFY(made.kind == Layer::Kind::Image && made.path == path && made.rect.topLeft() == QPointF(0.55, 0.05));
+            QVERIFY2(qAbs(made.rect.width() - box.width()) < 1e-6 && qAbs(made.rect.height() - box.height()) < 1e-6,
+                     qPrintable(QString::asprintf("%.9g x %.9g", made.rect.width(), made.rect.height())));
+            const std::vector<std::uint8_t>& pixels = made.image->pixels;
+            QCOMPARE(pixels.size(), std::size_t(size.width() * size.height() * 4));
+            QCOMPARE(QColor(pixels[0], pixels[1], pixels[2], pixels[3]), QColor(0, 0, 255));
+            const std::uint8_t* last = pixels.data() + pixels.size() - 4;
+            QCOMPARE(QColor(last[0], last[1], last[2], last[3]), QColor(200, 100, 50, 128));
         }
-        window.addImageLayer(path);
-        const Layer& made = window.scene().layers.back();
-        QVERIFY(made.kind == Layer::Kind::Image && made.path == path && made.name == name);
-        QCOMPARE(QSize(made.image->width, made.image->height), picture);
-        QCOMPARE(made.rect.topLeft(), QPointF(0.55, 0.05));
-        QVERIFY2(qAbs(made.rect.width() - box.width()) < 1e-6 && qAbs(made.rect.height() - box.height()) < 1e-6,
-                 qPrintable(QString::asprintf("%.9g x %.9g", made.rect.width(), made.rect.height())));
-        if (picture != QSize(8, 1))
-            return;
-        QImage edge(8192, 2, QImage::Format_ARGB32);
-        edge.fill(QColor(0, 0, 255));
-        edge.setPixelColor(0, 0, QColor(200, 100, 50, 128));
-        edge.setPixelColor(8191, 1, QColor(10, 20, 30));
-        QVERIFY(edge.save(folder + QStringLiteral("/edge.png")));
-        const auto frame = window.decodeImage(folder + QStringLiteral("/edge.png"));
-        QCOMPARE(QSize(frame->width, frame->height), QSize(8192, 2));
-        QCOMPARE(frame->pixels.size(), std::size_t(8192) * 2 * 4);
-        const auto pixel = [&](std::size_t at) {
-            const std::uint8_t* p = frame->pixels.data() + at * 4;
-            return QColor(p[0], p[1], p[2], p[3]);
-        };
-        QCOMPARE(pixel(0), QColor(200, 100, 50, 128));
-        QCOMPARE(pixel(1), QColor(0, 0, 255));
-        QCOMPARE(pixel(2 * 8192 - 1), QColor(10, 20, 30));
-    }
-
-    // A double click selects a box and shows this tab; a drag moves it, the panel's boxes follow in place.
-    void canvasGesturesReachTheTabAndThePanel()
-    {
-        StudioWindow window(false);
-        window.scene().layers.push_back(named(QStringLiteral("Caja")));
-        window.canvas->select(-1);
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        Canvas* canvas = window.canvas;
-        // The picture: 16:9 fitted and centred in the canvas.
-        const QSizeF fitted = QSizeF(16, 9).scaled(QSizeF(canvas->size()), Qt::KeepAspectRatio);
-        const QPointF origin((canvas->width() - fitted.width()) / 2, (canvas->height() - fitted.height()) / 2);
-        const QPoint press = (origin + QPointF(0.35 * fitted.width(), 0.35 * fitted.height())).toPoint();
-        QTest::mouseDClick(canvas, Qt::LeftButton, {}, press);
-        QCOMPARE(canvas->selected, 1);
-        QCOMPARE(window.tabs->currentIndex(), 1);
-        QCOMPARE(window.layerList->currentItem()->text(), QStringLiteral("Caja"));
-        QCOMPARE(window.scene().layers[1].rect, QRectF(0.2, 0.2, 0.3, 0.3));
-        std::array<QPointer<QDoubleSpinBox>, 4> spins;
-        for (std::size_t i = 0; i < 4; ++i)
-            spins[i] = window.propertyPanel->findChild<QDoubleSpinBox*>(QString(QLatin1Char("XYWH"[i])));
-        const QPoint step(int(fitted.width() * 0.05), int(fitted.height() * 0.1));
-        QTest::mousePress(canvas, Qt::LeftButton, {}, press);
-        QTest::mouseMove(canvas, press + step / 2);
-        QTest::mouseMove(canvas, press + step);
-        QTest::mouseRelease(canvas, Qt::LeftButton, {}, press + step);
-        const QRectF moved = window.scene().layers[1].rect;
-        const QPointF expected(0.2 + step.x() / fitted.width(), 0.2 + step.y() / fitted.height());
-        QVERIFY((moved.topLeft() - expected).manhattanLength() < 1e-6);
-        QCOMPARE(moved.size(), QSizeF(0.3, 0.3));
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); // a rebuilt form would be gone now
-        const std::array<double, 4> values{moved.x(), moved.y(), moved.width(), moved.height()};
-        for (std::size_t i = 0; i < 4; ++i)
-            QVERIFY(spins[i] && qAbs(spins[i]->value() - values[i] * 100.0) <= 0.05 + 1e-9);
-        QCOMPARE(window.scene().layers[1].rect, moved); // writing the boxes did not echo back
     }
 };
 
