@@ -8,23 +8,37 @@
 #include <QTest>
 #include <QtWidgets>
 #include <csignal>
-#include <functional>
 #include <sys/prctl.h>
 
 namespace {
 
-// Clicks the button reading `text`, or else triggers that entry of the "+ Fuente" menu.
-void press(StudioWindow& window, const QString& text)
+// Clicks the button reading `control`, or that entry of the "+ Fuente" menu, and answers the dialog it opens:
+// a name dialog with `name` (cancelled if null), a message box with `button` or its only one. Returns the
+// dialog's title and text, and a name dialog's suggestion.
+QStringList press(StudioWindow& window, const QString& control, const QString& name = {},
+                  QMessageBox::StandardButton button = QMessageBox::Ok)
 {
-    const auto buttons = window.findChildren<QPushButton*>();
-    for (QPushButton* each : buttons)
-        if (each->text() == text)
-            return each->click();
-    for (QPushButton* each : buttons)
+    QStringList seen;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            seen << box->windowTitle() << box->text();
+            (box->button(button) ? box->button(button) : box->buttons().constFirst())->click();
+        } else if (auto* dialog = qobject_cast<QInputDialog*>(QApplication::activeModalWidget())) {
+            seen << dialog->windowTitle() << dialog->labelText() << dialog->textValue();
+            dialog->setTextValue(name);
+            name.isNull() ? dialog->reject() : dialog->accept();
+        }
+    });
+    watch.start(5);
+    for (QPushButton* each : window.findChildren<QPushButton*>()) {
+        if (each->text() == control)
+            return each->click(), seen;
         for (QAction* entry : each->menu() ? each->menu()->actions() : QList<QAction*>{})
-            if (entry->text() == text)
-                return entry->trigger();
-    qFatal("no control \"%s\"", qPrintable(text));
+            if (entry->text() == control)
+                return entry->trigger(), seen;
+    }
+    qFatal("no control \"%s\"", qPrintable(control));
 }
 
 QStringList rows(const QListWidget* list)
@@ -41,7 +55,6 @@ Layer named(const QString& name, Layer::Kind kind = Layer::Kind::Color)
     Layer layer;
     layer.kind = kind;
     layer.name = name;
-    layer.rect = QRectF(0.2, 0.2, 0.3, 0.3);
     if (kind == Layer::Kind::Video)
         layer.media = std::make_shared<Media>(64, 36, nullptr, std::string(), true, false);
     return layer;
@@ -54,49 +67,12 @@ void clickRow(QListWidget* list, int row)
 
 } // namespace
 
-// The tab "Escena y fuentes" on a real window: scene buttons, "+ Fuente", the source list, canvas gestures.
+// The tab "Escena y fuentes" on a real window: scene buttons, "+ Fuente" and the source list.
 class tst_SceneTab : public QObject
 {
     Q_OBJECT
     QString folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QProcess xvfb; // a display of its own for the screen capture
-    QPointer<QTimer> watch;
-
-    // Runs `answer` on the next modal dialog of type D, from inside its own event loop.
-    template <class D> void whenModal(std::function<void(D*)> answer)
-    {
-        watch = new QTimer(this);
-        connect(watch, &QTimer::timeout, this, [timer = watch.data(), answer] {
-            if (auto* dialog = qobject_cast<D*>(QApplication::activeModalWidget())) {
-                timer->deleteLater();
-                timer->stop();
-                answer(dialog);
-            }
-        });
-        watch->start(5);
-    }
-    // Answers the next message box with `button`, or its only one; returns where its title and text go.
-    std::shared_ptr<QStringList> answerBox(QMessageBox::StandardButton button = QMessageBox::Ok)
-    {
-        auto seen = std::make_shared<QStringList>();
-        whenModal<QMessageBox>([=](QMessageBox* box) {
-            *seen << box->windowTitle() << box->text();
-            (box->button(button) ? box->button(button) : box->buttons().constFirst())->click();
-        });
-        return seen;
-    }
-    // Answers the next name dialog with `answer` (cancels without one); returns its title, label and suggestion.
-    QStringList nameDialog(StudioWindow& window, const char* control, const QString& answer)
-    {
-        QStringList asked;
-        whenModal<QInputDialog>([&](QInputDialog* dialog) {
-            asked << dialog->windowTitle() << dialog->labelText() << dialog->textValue();
-            dialog->setTextValue(answer);
-            answer.isNull() ? dialog->reject() : dialog->accept();
-        });
-        press(window, QString::fromUtf8(control));
-        return asked;
-    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -111,7 +87,6 @@ private Q_SLOTS:
         QVERIFY(xvfb.waitForReadyRead(10000));
         qputenv("DISPLAY", ':' + xvfb.readAllStandardOutput().trimmed());
     }
-    void cleanup() { delete watch.data(); } // a dialog that never came must not answer the next test
 
     // A new scene is its bus's default one; a copy goes after the original and shares its sources; the last
     // scene stays.
@@ -119,17 +94,17 @@ private Q_SLOTS:
     {
         StudioWindow window(false);
         window.show();
-        QCOMPARE(nameDialog(window, "+ Escena", QString()), (QStringList{"Nueva escena", "Nombre", "Escena 2"}));
-        nameDialog(window, "+ Escena", QStringLiteral(""));
-        nameDialog(window, "+ Escena", QStringLiteral("Ofrenda"));
+        QCOMPARE(press(window, "+ Escena"), (QStringList{"Nueva escena", "Nombre", "Escena 2"}));
+        press(window, "+ Escena", QStringLiteral(""));
+        press(window, "+ Escena", QStringLiteral("Ofrenda"));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda"}));
         QVERIFY(window.sceneCombo->currentText() == "Ofrenda" && window.canvas->scene == &window.scenes[0][1]);
 
         Layer picture = named(QStringLiteral("Logo"), Layer::Kind::Image);
         picture.image = std::make_shared<tavrin::Frame>(4, 2);
         window.scene().layers = {picture, named(QStringLiteral("Clip"), Layer::Kind::Video)};
-        QCOMPARE(nameDialog(window, "Renombrar", QStringLiteral("Ofrenda 2")).last(), QStringLiteral("Ofrenda"));
-        press(window, QStringLiteral("Duplicar"));
+        QCOMPARE(press(window, "Renombrar", QStringLiteral("Ofrenda 2")).last(), QStringLiteral("Ofrenda"));
+        press(window, "Duplicar");
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2", "Ofrenda 2 copia"}));
         const std::vector<Layer>& copy = window.scenes[0][2].layers;
         QVERIFY(copy.at(0).image == picture.image && copy.at(1).media == window.scenes[0][1].layers[1].media);
@@ -137,20 +112,16 @@ private Q_SLOTS:
         QVERIFY(window.current[0] == 1 && window.sceneCombo->currentIndex() == 1);
         QCOMPARE(rows(window.layerList), (QStringList{"Clip", "Logo"}));
         const std::weak_ptr<Media> source = window.scene().layers[1].media;
-        for (auto answer : {QMessageBox::No, QMessageBox::Yes}) {
-            const auto seen = answerBox(answer);
-            press(window, QStringLiteral("Eliminar escena"));
-            QCOMPARE(*seen, (QStringList{"Eliminar escena", "¿Eliminar la escena Ofrenda 2?"}));
-        }
+        for (auto answer : {QMessageBox::No, QMessageBox::Yes})
+            QCOMPARE(press(window, "Eliminar escena", {}, answer),
+                     (QStringList{"Eliminar escena", "¿Eliminar la escena Ofrenda 2?"}));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2 copia"}));
         window.scenes[0][1].layers.clear();
         QTRY_VERIFY(source.expired()); // the pipeline was let go on a worker
         window.scenes[0].pop_back();
         window.refreshSceneList();
-        const auto seen = answerBox();
-        press(window, QStringLiteral("Eliminar escena"));
-        QCOMPARE(*seen, (QStringList{"Velmora", "Debe quedar al menos una escena"}));
-        QVERIFY(window.statusLabel->text() == seen->last() && window.sceneList->count() == 1);
+        QCOMPARE(press(window, "Eliminar escena"), (QStringList{"Velmora", "Debe quedar al menos una escena"}));
+        QVERIFY(window.statusLabel->text() == "Debe quedar al menos una escena" && window.sceneList->count() == 1);
     }
 
     // Each entry adds its kind on top, named after its place and selected in the canvas, the list and the panel;
@@ -169,10 +140,7 @@ private Q_SLOTS:
               Entry{"Captura de pantalla", K::Screen, {}}, Entry{"Texto", K::Text, {}}, Entry{"Texto", K::Text, {}},
               Entry{"Texto", K::Text, full}, Entry{"Captura de pantalla", K::Screen, full}}) {
             const std::size_t before = window.scene().layers.size();
-            const auto seen = answerBox();
-            press(window, QString::fromUtf8(entry));
-            delete watch.data();
-            QCOMPARE(seen->value(1), refused);
+            QCOMPARE(press(window, QString::fromUtf8(entry)).value(1), refused);
             QCOMPARE(window.scene().layers.size(), before + refused.isEmpty());
             if (!refused.isEmpty()) {
                 QCOMPARE(window.statusLabel->text(), refused);
@@ -190,17 +158,12 @@ private Q_SLOTS:
         window.scenes[0].resize(maxScenesPerList);
         window.current[0] = 1;
         window.refreshSceneList();
-        for (const char* control : {"+ Escena", "Duplicar", subtitles}) {
-            const auto seen = answerBox();
-            press(window, QString::fromUtf8(control));
-            delete watch.data();
-            QCOMPARE(seen->value(1), *control == 'S' ? QString() : QStringLiteral("Esta lista ya tiene el máximo de escenas."));
-            QCOMPARE(window.scenes[0].size(), maxScenesPerList);
-        }
+        const QString most = QStringLiteral("Esta lista ya tiene el máximo de escenas.");
+        for (const char* control : {"+ Escena", "Duplicar", subtitles})
+            QCOMPARE(press(window, QString::fromUtf8(control)).value(1), *control == 'S' ? QString() : most);
+        QVERIFY(window.scenes[0].size() == maxScenesPerList && window.scene().layers.size() == 1);
         window.busChosen(1);
-        const auto seen = answerBox();
-        press(window, QString::fromUtf8(subtitles));
-        QCOMPARE(seen->value(1), twice);
+        QCOMPARE(press(window, QString::fromUtf8(subtitles)).value(1), twice);
     }
 
     // Front on top; check marks write `visible`, a stale row nothing. Then ▲/▼/Eliminar: order and selection.
@@ -228,7 +191,10 @@ private Q_SLOTS:
                                 "ACB 1",  "CAB 0",  "CAB 0",  "ACB 1", "AB -1"};
         window.canvas->select(-1);
         for (int i = 0; i < presses.size(); ++i) {
-            presses[i] == QLatin1String("select") ? window.canvas->select(2) : press(window, presses[i]);
+            if (presses[i] == QLatin1String("select"))
+                window.canvas->select(2);
+            else
+                press(window, presses[i]);
             QString state;
             for (const Layer& each : window.scene().layers)
                 state += each.name;
