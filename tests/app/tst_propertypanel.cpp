@@ -4,8 +4,6 @@
 #include <QTest>
 #include <QtWidgets>
 
-Q_DECLARE_METATYPE(Layer::Kind)
-
 namespace {
 
 // The form's row labels and whole-row buttons, top to bottom; with `find`, the field of that row or button.
@@ -96,68 +94,51 @@ private Q_SLOTS:
         QCOMPARE(changes, 0);
     }
 
-    void controlsWriteOnlyASelectedLayer_data()
-    {
-        QTest::addColumn<Layer::Kind>("kind");
-        QTest::addColumn<QString>("control");
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<QJsonObject>("written");
-        const Layer::Kind image = Layer::Kind::Image, text = Layer::Kind::Text;
-        const Layer::Kind video = Layer::Kind::Video, verse = Layer::Kind::Verse;
-        const auto row = [](Layer::Kind kind, const char* control, const QVariant& value, const QJsonObject& written) {
-            QTest::newRow(control) << kind << QString::fromUtf8(control) << value << written;
-        };
-        // Box (0.25, 0.5, 0.5, 0.25), aligned right and bottom.
-        row(image, "Y", -12.5, {{"y", -0.125}});
-        row(video, "Ajustar a pantalla completa", {}, {{"x", 0}, {"y", 0}, {"w", 1}, {"h", 1}});
-        row(image, "Alinear en pantalla", 4, {{"x", 0.25}, {"y", 0.375}});
-        row(verse, "Nombre", "Aviso", {{"name", "Aviso"}});
-        row(text, "Opacidad", 25, {{"opacity", 0.25}});
-        row(verse, "Texto", "Bienvenidos\nal culto", {{"text", "Bienvenidos\nal culto"}});
-        row(text, "Tamaño", 90, {{"size", 90}});
-        row(text, "Negrita", {}, {{"bold", false}});
-        row(text, "Sombra / contorno oscuro", {}, {{"shadow", false}});
-        row(verse, "Color del texto", {}, {{"color", "#ff010203"}});
-        row(Layer::Kind::Color, "Color", {}, {{"fill", "#ff010203"}});
-        row(text, "Alineación", 1, {{"align", 132}}); // centred both ways
-        row(video, "Audio del video cuando esté en Programa", {}, {{"sound", false}});
-        row(video, "Rellenar el recuadro (recorta bordes, sin franjas negras)", {}, {{"cover", true}});
-        // These ask the window to act, which then writes the layer itself.
-        row(image, "Cambiar imagen...", {}, {});
-        row(video, "Reiniciar video", {}, {});
-        row(verse, "Buscar versículo", {}, {});
-    }
-    // Without a selection the controls touch nothing; with it, each writes its own field, boxes follow.
+    // Without a selection the controls touch nothing; with it, each writes its own field, the boxes follow.
+    // The box is (0.25, 0.5, 0.5, 0.25), aligned right and bottom; the last three ask the window to act.
     void controlsWriteOnlyASelectedLayer()
     {
-        QFETCH(Layer::Kind, kind);
-        QFETCH(QString, control);
-        QFETCH(QVariant, value);
-        QFETCH(QJsonObject, written);
         panel->pickColour = [&](const QColor&, bool) {
             ++changes;
             return QColor(1, 2, 3);
         };
         panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->findVerse = [&](const QString&) { ++changes; };
-        Layer layer;
-        layer.kind = kind;
-        layer.rect = QRectF(0.25, 0.5, 0.5, 0.25);
-        layer.align = 66;
-        QJsonObject expected = layer.toJson();
-        panel->refresh(&layer);
-        operate(*panel, control, value);
-        QCOMPARE(layer.toJson(), expected);
-        QCOMPARE(changes, 0); // not even a colour dialog for a layer that has gone
-
-        selected = &layer;
-        panel->rebuild(&layer);
-        operate(*panel, control, value);
-        for (auto each = written.begin(); each != written.end(); ++each)
-            expected.insert(each.key(), each.value());
-        QCOMPARE(layer.toJson(), expected);
-        QVERIFY(changes > 0);
-        QCOMPARE(field<QDoubleSpinBox>(*panel, QStringLiteral("X"))->value(), layer.rect.x() * 100.0);
+        using K = Layer::Kind;
+        using Case = std::tuple<K, const char*, QVariant, QJsonObject>;
+        for (const auto& [kind, control, value, written] : {
+                 Case{K::Image, "Y", -12.5, {{"y", -0.125}}},
+                 Case{K::Video, "Ajustar a pantalla completa", {}, {{"x", 0}, {"y", 0}, {"w", 1}, {"h", 1}}},
+                 Case{K::Image, "Alinear en pantalla", 4, {{"x", 0.25}, {"y", 0.375}}},
+                 Case{K::Verse, "Nombre", "Aviso", {{"name", "Aviso"}}}, Case{K::Text, "Opacidad", 25, {{"opacity", 0.25}}},
+                 Case{K::Verse, "Texto", "Bienvenidos\nal culto", {{"text", "Bienvenidos\nal culto"}}},
+                 Case{K::Text, "Tamaño", 90, {{"size", 90}}}, Case{K::Text, "Negrita", {}, {{"bold", false}}},
+                 Case{K::Text, "Sombra / contorno oscuro", {}, {{"shadow", false}}},
+                 Case{K::Verse, "Color del texto", {}, {{"color", "#ff010203"}}},
+                 Case{K::Color, "Color", {}, {{"fill", "#ff010203"}}},
+                 Case{K::Text, "Alineación", 1, {{"align", 132}}}, // centred both ways
+                 Case{K::Video, "Audio del video cuando esté en Programa", {}, {{"sound", false}}},
+                 Case{K::Video, "Rellenar el recuadro (recorta bordes, sin franjas negras)", {}, {{"cover", true}}},
+                 Case{K::Image, "Cambiar imagen...", {}, {}}, Case{K::Video, "Reiniciar video", {}, {}},
+                 Case{K::Verse, "Buscar versículo", {}, {}}}) {
+            Layer layer;
+            layer.kind = kind;
+            layer.rect = QRectF(0.25, 0.5, 0.5, 0.25);
+            layer.align = 66;
+            QJsonObject expected = layer.toJson();
+            changes = 0;
+            selected = nullptr;
+            panel->rebuild(&layer);
+            operate(*panel, QString::fromUtf8(control), value);
+            QVERIFY2(layer.toJson() == expected && changes == 0, control); // not even a colour dialog
+            panel->rebuild(selected = &layer);
+            operate(*panel, QString::fromUtf8(control), value);
+            for (auto each = written.begin(); each != written.end(); ++each)
+                expected.insert(each.key(), each.value());
+            QCOMPARE(layer.toJson(), expected);
+            QVERIFY2(changes > 0, control);
+            QCOMPARE(field<QDoubleSpinBox>(*panel, QStringLiteral("X"))->value(), layer.rect.x() * 100.0);
+        }
     }
 
     // A refresh from inside an edit keeps the form; another layer or kind gets a new one; none, a hint.
