@@ -88,7 +88,6 @@ private Q_SLOTS:
         picture.fill(QColor(10, 200, 30));
         QVERIFY(picture.save(picturePath));
         const QString videoPath = folder + QStringLiteral("/clip.webm");
-        QFile::remove(videoPath);
         QVERIFY(runToEnd("videotestsrc num-buffers=30 ! video/x-raw,width=320,height=180,framerate=30/1 ! "
                          "vp8enc deadline=1 ! webmmux ! filesink location=\"" + QFile::encodeName(videoPath) + '"'));
         videoUri = QUrl::fromLocalFile(videoPath).toString();
@@ -117,7 +116,6 @@ private Q_SLOTS:
             author.destinations[0].key->setText(QStringLiteral("clave-youtube-7f3a9"));
             saved = scenesJson(author);
             QCOMPARE(press(author, QStringLiteral("Guardar proyecto"), {path}), QStringList{"Guardar proyecto"});
-            QCOMPARE(author.statusLabel->text(), done);
         }
         QVERIFY(!QFile::exists(path + QStringLiteral(".tavrin")));
         QFile written(path);
@@ -143,7 +141,9 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(video.media && video.media->frameCount > 0, 10000);
         QCOMPARE(QSize(video.media->latest.width, video.media->latest.height), QSize(1080, 1920));
         QVERIFY(reader.program.layers.empty() && reader.hallProgram.layers.empty());
-        QTRY_VERIFY(!showsPicture(reader.programMonitor->image)); // the frozen lower third went too
+        const QImage& program = reader.programMonitor->image; // black, the frozen lower third too
+        QTRY_VERIFY(!showsPicture(program) &&
+                    program.pixelColor(program.width() / 2, program.height() * 4 / 5) == QColor(Qt::black));
         QTRY_VERIFY(!showsPicture(reader.hallMonitor->image));
     }
 
@@ -171,8 +171,9 @@ private Q_SLOTS:
         QVERIFY(!writeFile(path, QStringLiteral(R"({"version":3,"gain":100,"scenes":[{"name":"Culto","layers":[
             {"kind":"video","name":"Clip","uri":"%1/clip.webm"},{"kind":"image","name":"Logo","path":"/gone/logo.png"},
             {"kind":"image","name":"Bueno","path":"%2"}]}]})").arg(gone, picturePath).toUtf8()).isEmpty());
-        QCOMPARE(answering([&] { window.openProject(path); }), QStringList{"Abrir proyecto: Clip: No se pudo iniciar fuente\n"
-                                         "Logo: Imagen inválida o demasiado grande"});
+        QCOMPARE(answering([&] { window.openProject(path); }),
+                 QStringList{"Abrir proyecto: Clip: No se pudo iniciar fuente\n"
+                             "Logo: Imagen inválida o demasiado grande"});
         const std::vector<Layer>& layers = window.scenes[0][0].layers;
         QVERIFY(layers.size() == 3 && !layers[0].media && !layers[1].image && layers[2].image);
         QCOMPARE(window.scenes[1].front().toJson(), window.defaultScene(1).toJson());

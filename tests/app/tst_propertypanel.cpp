@@ -84,8 +84,8 @@ private Q_SLOTS:
                  {Layer::Kind::Video, {"Video", cover, "Audio del video cuando esté en Programa"}},
                  {Layer::Kind::Screen, {"Pantalla", cover, "Captura la pantalla principal de este equipo."}},
                  {Layer::Kind::Color, {"Color", "Color"}}, {Layer::Kind::Verse, {"Versículo", "Cita"}},
-                 {Layer::Kind::Subtitle,
-                  {"Subtítulos (IA)", "El texto lo pone la traducción IA. Aquí eliges posición, tamaño, color y fondo."}}}) {
+                 {Layer::Kind::Subtitle, {"Subtítulos (IA)", "El texto lo pone la traducción IA. Aquí eliges "
+                                                             "posición, tamaño, color y fondo."}}}) {
             Layer layer;
             attach(layer, kind);
             const QStringList rows = rowTexts(*panel);
@@ -110,7 +110,8 @@ private Q_SLOTS:
                  Case{K::Image, "Y", -12.5, {{"y", -0.125}}},
                  Case{K::Video, "Ajustar a pantalla completa", {}, {{"x", 0}, {"y", 0}, {"w", 1}, {"h", 1}}},
                  Case{K::Image, "Alinear en pantalla", 4, {{"x", 0.25}, {"y", 0.375}}},
-                 Case{K::Verse, "Nombre", "Aviso", {{"name", "Aviso"}}}, Case{K::Text, "Opacidad", 25, {{"opacity", 0.25}}},
+                 Case{K::Verse, "Nombre", "Aviso", {{"name", "Aviso"}}},
+                 Case{K::Text, "Opacidad", 25, {{"opacity", 0.25}}},
                  Case{K::Verse, "Texto", "Bienvenidos\nal culto", {{"text", "Bienvenidos\nal culto"}}},
                  Case{K::Text, "Tamaño", 90, {{"size", 90}}}, Case{K::Text, "Negrita", {}, {{"bold", false}}},
                  Case{K::Text, "Sombra / contorno oscuro", {}, {{"shadow", false}}},

@@ -136,7 +136,8 @@ private Q_SLOTS:
         using Entry = std::tuple<const char*, K, QString>;
         for (const auto& [entry, kind, refused] :
              {Entry{"Cámara / capturadora", K::Camera, {}}, Entry{"Color sólido", K::Color, {}},
-              Entry{"Versículo bíblico", K::Verse, {}}, Entry{subtitles, K::Subtitle, {}}, Entry{subtitles, K::Subtitle, twice},
+              Entry{"Versículo bíblico", K::Verse, {}}, Entry{subtitles, K::Subtitle, {}},
+              Entry{subtitles, K::Subtitle, twice},
               Entry{"Captura de pantalla", K::Screen, {}}, Entry{"Texto", K::Text, {}}, Entry{"Texto", K::Text, {}},
               Entry{"Texto", K::Text, full}, Entry{"Captura de pantalla", K::Screen, full}}) {
             const std::size_t before = window.scene().layers.size();
@@ -212,7 +213,8 @@ private Q_SLOTS:
         StudioWindow window(false);
         using Case = std::tuple<QSize, int, int, QSizeF>; // picture, format, bus, box
         for (const auto& [size, format, bus, box] : {Case{{8, 1}, 0, 0, {0.4, 0.0888889}},
-                 Case{{1, 8}, 0, 0, {0.0632813, 0.9}}, Case{{1, 8}, 1, 0, {0.2, 0.9}}, Case{{1, 8}, 1, 1, {0.0632813, 0.9}},
+                 Case{{1, 8}, 0, 0, {0.0632813, 0.9}}, Case{{1, 8}, 1, 0, {0.2, 0.9}},
+                 Case{{1, 8}, 1, 1, {0.0632813, 0.9}},
                  Case{{8193, 10}, 0, 0, {}}, Case{{10, 8193}, 0, 0, {}}, Case{{0, 1}, 0, 0, {}}}) {
             window.formatCombo->setCurrentIndex(format);
             window.busChosen(bus);

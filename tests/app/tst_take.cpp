@@ -40,7 +40,7 @@ private Q_SLOTS:
 
     // The hall cuts and takes no lower third; the stream fades and freezes it at the take, later edits reach
     // Preview only; off air acts on the edited bus: the hall cuts, the stream fades.
-    void takeAndOffAir()
+    void takeOffAirAndSources()
     {
         StudioWindow window(false);
         window.overlayField->setText(QStringLiteral("Bienvenidos"));
@@ -82,14 +82,10 @@ private Q_SLOTS:
         QCOMPARE(window.fadeProgress, 0.0);
         QCOMPARE(window.statusLabel->text(), QStringLiteral("Programa en negro (fuera del aire)."));
         QTRY_COMPARE(centreOf(window.programMonitor->image), black);
-    }
 
-    // A file no decoder takes (this test's own program) shows the missing box and is reported once; a file
-    // video starts again at every take, the old pipelines reaped off the GUI thread; only file and network
-    // addresses are taken.
-    void failingAndRestartedSources()
-    {
-        StudioWindow window(false);
+        // A file no decoder takes (this test's own program) shows the missing box and is reported once; a
+        // file video starts again at every take, the old pipelines reaped off the GUI thread; only file and
+        // network addresses are taken.
         window.fadeCheck->setChecked(false);
         Layer white;
         white.kind = Layer::Kind::Color;
