@@ -11,8 +11,7 @@
 
 namespace {
 
-// Runs `act`, answering file dialogs with the next of `files` (none: cancel) and boxes with OK; returns what
-// each dialog showed.
+// Runs `act`, answering file dialogs with the next of `files` (none: cancel) and boxes with OK.
 QStringList answering(const std::function<void()>& act, QStringList files = {})
 {
     QStringList seen;
@@ -93,8 +92,7 @@ private Q_SLOTS:
         videoUri = QUrl::fromLocalFile(videoPath).toString();
     }
 
-    // Saved without keys or an added extension; another studio, with something on air, opens it the same,
-    // its pictures and video running again, both Programs black.
+    // Saved without keys or an added extension; another studio, with something on air, opens it the same.
     void savedProjectOpensTheSameInAnotherStudio()
     {
         const QString path = folder + QStringLiteral("/culto");
@@ -147,9 +145,7 @@ private Q_SLOTS:
         QTRY_VERIFY(!showsPicture(reader.hallMonitor->image));
     }
 
-    // A refused file changes nothing, Program included. An opened one names its missing files in one warning,
-    // keeps their layers, gives a bus without scenes its default one and lets a source only Program held go.
-    // While an output runs no file dialog opens, for saving either.
+    // A refused file changes nothing; missing files are named in one warning; no dialog while an output runs.
     void refusedAndMissingFiles()
     {
         const QString path = folder + QStringLiteral("/refused.tavrin");

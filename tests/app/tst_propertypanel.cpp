@@ -95,7 +95,6 @@ private Q_SLOTS:
     }
 
     // Without a selection the controls touch nothing; with it, each writes its own field, the boxes follow.
-    // The box is (0.25, 0.5, 0.5, 0.25), aligned right and bottom; the last three ask the window to act.
     void controlsWriteOnlyASelectedLayer()
     {
         panel->pickColour = [&](const QColor&, bool) {
@@ -169,9 +168,7 @@ private Q_SLOTS:
         QCOMPARE(rowTexts(*panel), QStringList{QStringLiteral("Selecciona una fuente en la lista o en Preparación.")});
     }
 
-    // A reference shows as citation and Bible; the background is offered with its alpha, the text colour
-    // without, a cancelled dialog changes nothing; Return and the button look up the typed citation, and only
-    // the lookup writes it; the subtitle's alignment shows its horizontal part.
+    // Colours (background with alpha, a cancel changes nothing), the typed citation's lookup, subtitle alignment.
     void verseAndSubtitleForms()
     {
         QStringList offered, lookups;

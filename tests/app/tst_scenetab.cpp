@@ -12,9 +12,7 @@
 
 namespace {
 
-// Clicks the button reading `control`, or that entry of the "+ Fuente" menu, and answers the dialog it opens:
-// a name dialog with `name` (cancelled if null), a message box with `button` or its only one. Returns the
-// dialog's title and text, and a name dialog's suggestion.
+// Clicks a button or "+ Fuente" entry and answers its dialog (a null name cancels); returns what the dialog showed.
 QStringList press(StudioWindow& window, const QString& control, const QString& name = {},
                   QMessageBox::StandardButton button = QMessageBox::Ok)
 {
@@ -88,8 +86,7 @@ private Q_SLOTS:
         qputenv("DISPLAY", ':' + xvfb.readAllStandardOutput().trimmed());
     }
 
-    // A new scene is its bus's default one; a copy goes after the original and shares its sources; the last
-    // scene stays.
+    // New, renamed, duplicated (sharing sources), chosen and deleted scenes; the last one stays.
     void sceneButtons()
     {
         StudioWindow window(false);
@@ -124,8 +121,7 @@ private Q_SLOTS:
         QVERIFY(window.statusLabel->text() == "Debe quedar al menos una escena" && window.sceneList->count() == 1);
     }
 
-    // Each entry adds its kind on top, named after its place and selected in the canvas, the list and the panel;
-    // a full scene or list, or a second subtitle source in a scene (not in a bus), is refused with its reason.
+    // Each entry adds its kind on top, selected; full lists and a second subtitle source in a scene are refused.
     void sourceMenu()
     {
         StudioWindow window(false);
@@ -206,8 +202,7 @@ private Q_SLOTS:
         QTRY_VERIFY(source.expired()); // the removed video's pipeline was let go
     }
 
-    // An image layer's box follows the picture's shape, h = 0.4 W / (a H) at most 0.9, then w = a 0.9 H / W,
-    // the hall staying 1920 x 1080; too large or not a picture is refused; straight alpha is kept, in RGBA.
+    // Box h = 0.4 W / (a H) at most 0.9, then w = a 0.9 H / W (the hall stays 1920 x 1080); RGBA, straight alpha.
     void pictures()
     {
         StudioWindow window(false);

@@ -38,8 +38,7 @@ private Q_SLOTS:
                          "vp8enc deadline=1 ! webmmux ! filesink location=" + QFile::encodeName(videoFile)));
     }
 
-    // The hall cuts and takes no lower third; the stream fades and freezes it at the take, later edits reach
-    // Preview only; off air acts on the edited bus: the hall cuts, the stream fades.
+    // The hall cuts without the lower third; the stream fades and freezes it; off air acts on the edited bus.
     void takeOffAirAndSources()
     {
         StudioWindow window(false);
@@ -83,9 +82,7 @@ private Q_SLOTS:
         QCOMPARE(window.statusLabel->text(), QStringLiteral("Programa en negro (fuera del aire)."));
         QTRY_COMPARE(centreOf(window.programMonitor->image), black);
 
-        // A file no decoder takes (this test's own program) shows the missing box and is reported once; a
-        // file video starts again at every take, the old pipelines reaped off the GUI thread; only file and
-        // network addresses are taken.
+        // A file no decoder takes (this program) shows the missing box, reported once; a file video restarts.
         window.fadeCheck->setChecked(false);
         Layer white;
         white.kind = Layer::Kind::Color;
