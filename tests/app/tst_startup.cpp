@@ -1,11 +1,19 @@
-#include <QDir>
-#include <QFile>
+#include "Startup.h"
+#include "i18n.h"
+
+#include <QApplication>
+#include <QMessageBox>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
+#include <stdexcept>
 
 // Start-up is tested as a process, as the operator starts it: a fresh settings folder, a chosen
-// locale and environment, and the exit code and output that come back.
+// locale and environment, and the exit code and output that come back. A copy of this program runs
+// the real start-up with a stand-in window, as VELMORA_PROBE asks: "report" prints the language and
+// GStreamer's environment, "throw:T" fails with the text T and prints the box it gets, "exit:N" ends
+// the event loop with N.
 class tst_Startup : public QObject
 {
     Q_OBJECT
@@ -19,10 +27,9 @@ private Q_SLOTS:
 static QProcessEnvironment freshEnvironment(const QString& home, const QString& locale)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString folder : {"config", "data", "cache"})
+        environment.insert(QStringLiteral("XDG_%1_HOME").arg(folder.toUpper()), home + '/' + folder);
     environment.insert(QStringLiteral("HOME"), home);
-    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral("/config"));
-    environment.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/data"));
-    environment.insert(QStringLiteral("XDG_CACHE_HOME"), home + QStringLiteral("/cache"));
     environment.insert(QStringLiteral("LC_ALL"), locale);
     environment.insert(QStringLiteral("LANG"), locale);
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
@@ -38,63 +45,57 @@ void tst_Startup::start_data()
     QTest::addColumn<int>("code");
     QTest::addColumn<QStringList>("printed"); // "@" is the executable's folder
 
-    const QString es = QStringLiteral("es_ES.UTF-8");
+    const QString es = QStringLiteral("es_ES.UTF-8"), de = QStringLiteral("de_DE.UTF-8");
     const auto language = [](const char* row, const QString& stored, const QString& locale, const char* chosen) {
-        QTest::newRow(row) << stored << locale << QStringLiteral("report") << false << 0
-                           << QStringList{QStringLiteral("language=") + QLatin1String(chosen)};
+        QTest::newRow(row) << stored << locale << "report" << false << 0 << QStringList{"language=" + QString(chosen)};
     };
     language("nothing stored, Spanish system", QString(), QStringLiteral("es_MX.UTF-8"), "es");
     language("nothing stored, English system", QString(), QStringLiteral("en_US.UTF-8"), "en");
-    language("foreign value, German system", QStringLiteral("fr"), QStringLiteral("de_DE.UTF-8"), "en");
+    language("foreign value, German system", QStringLiteral("fr"), de, "en");
     language("upper case is not a choice", QStringLiteral("EN"), es, "es");
     language("stored English wins", QStringLiteral("en"), es, "en");
-    language("stored Spanish wins", QStringLiteral("es"), QStringLiteral("de_DE.UTF-8"), "es");
-    QTest::newRow("no GStreamer tree: the environment stands")
-        << QString() << es << "report" << false << 0
+    language("stored Spanish wins", QStringLiteral("es"), de, "es");
+    QTest::newRow("no GStreamer tree: the environment stands") << QString() << es << "report" << false << 0
         << QStringList{"PATH=@:/usr/bin:/bin", "GST_PLUGIN_SYSTEM_PATH_1_0=/usr/lib/x86_64-linux-gnu/gstreamer-1.0",
-                       "GST_PLUGIN_PATH_1_0=/opt/other/plugins", "GIO_MODULE_DIR=<unset>", "GST_PLUGIN_SCANNER=<unset>"};
-    QTest::newRow("GStreamer tree: only its plug-ins")
-        << QString() << es << "report" << true << 0
+                       "GST_PLUGIN_PATH_1_0=/opt/other/plugins", "GIO_MODULE_DIR=<unset>",
+                       "GST_PLUGIN_SCANNER=<unset>"};
+    QTest::newRow("GStreamer tree: only its plug-ins") << QString() << es << "report" << true << 0
         << QStringList{"PATH=@:/usr/bin:/bin", "GST_PLUGIN_SYSTEM_PATH_1_0=@/gstreamer/lib/gstreamer-1.0",
                        "GST_PLUGIN_PATH_1_0=", "GIO_MODULE_DIR=@/gstreamer/lib/gio/modules",
                        "GST_PLUGIN_SCANNER=@/gstreamer/libexec/gstreamer-1.0/gst-plugin-scanner"};
-    QTest::newRow("failing window, Spanish")
-        << QString() << es << "throw:No se pudo iniciar fuente" << false << 1
+    const QString failing = QStringLiteral("throw:No se pudo iniciar fuente");
+    QTest::newRow("failing window, Spanish") << QString() << es << failing << false << 1
         << QStringList{"box.title=No se pudo iniciar Velmora", "box.text=No se pudo iniciar fuente"};
-    QTest::newRow("failing window, English")
-        << QString() << "en_GB.UTF-8" << "throw:No se pudo iniciar fuente" << false << 1
+    QTest::newRow("failing window, English") << QString() << "en_GB.UTF-8" << failing << false << 1
         << QStringList{"box.title=Velmora could not start", "box.text=Source could not start"};
-    QTest::newRow("failing window without words")
-        << QString() << es << "throw:" << false << 1 << QStringList{"box.title=No se pudo iniciar Velmora", "box.text="};
+    QTest::newRow("failing window without words") << QString() << es << "throw:" << false << 1
+        << QStringList{"box.title=No se pudo iniciar Velmora", "box.text="};
     QTest::newRow("the event loop's code passes through") << QString() << es << "exit:3" << false << 3 << QStringList();
 }
 
 void tst_Startup::start()
 {
     QFETCH(QString, stored);
-    QFETCH(QString, locale);
-    QFETCH(QString, probe);
-    QFETCH(bool, gstreamerTree);
-    QFETCH(int, code);
     QFETCH(QStringList, printed);
-
-    QTemporaryDir home;
+    QTemporaryDir home, install;
     if (!stored.isNull()) {
         QVERIFY(QDir().mkpath(home.filePath(QStringLiteral("config/Lorvane"))));
         QFile file(home.filePath(QStringLiteral("config/Lorvane/TavrinStudio.conf")));
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write("[General]\nlanguage=" + stored.toUtf8() + "\n");
     }
-    QTemporaryDir install;
     const QString program = install.filePath(QStringLiteral("velmora-probe"));
-    QVERIFY(QFile::copy(QStringLiteral(STARTUP_PROBE), program));
+    QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
+    QFETCH(bool, gstreamerTree);
     if (gstreamerTree)
         QVERIFY(QDir().mkpath(install.filePath(QStringLiteral("gstreamer/lib/gstreamer-1.0"))));
 
+    QFETCH(QString, locale);
     QProcessEnvironment environment = freshEnvironment(home.path(), locale);
+    QFETCH(QString, probe);
     environment.insert(QStringLiteral("VELMORA_PROBE"), probe);
     environment.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin"));
-    environment.insert(QStringLiteral("GST_PLUGIN_SYSTEM_PATH_1_0"), QStringLiteral("/usr/lib/x86_64-linux-gnu/gstreamer-1.0"));
+    environment.insert(QStringLiteral("GST_PLUGIN_SYSTEM_PATH_1_0"), "/usr/lib/x86_64-linux-gnu/gstreamer-1.0");
     environment.insert(QStringLiteral("GST_PLUGIN_PATH_1_0"), QStringLiteral("/opt/other/plugins"));
     environment.remove(QStringLiteral("GIO_MODULE_DIR"));
     environment.remove(QStringLiteral("GST_PLUGIN_SCANNER"));
@@ -103,11 +104,10 @@ void tst_Startup::start()
     process.start(program, {});
     QVERIFY(process.waitForFinished(60000));
     QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), code);
+    QTEST(process.exitCode(), "code");
     const QString output = QString::fromLocal8Bit(process.readAllStandardOutput());
-    const QStringList lines = output.split(u'\n');
     for (const QString& line : printed)
-        QVERIFY2(lines.contains(QString(line).replace(u'@', install.path())), qPrintable(output));
+        QVERIFY2(output.split(u'\n').contains(QString(line).replace(u'@', install.path())), qPrintable(output));
 }
 
 void tst_Startup::studioStaysUpAndLogsItsStart()
@@ -116,7 +116,6 @@ void tst_Startup::studioStaysUpAndLogsItsStart()
     QProcess studio;
     studio.setProcessEnvironment(freshEnvironment(home.path(), QStringLiteral("es_ES.UTF-8")));
     studio.start(QStringLiteral(VELMORA_BINARY), {});
-    QVERIFY(studio.waitForStarted());
     const auto logText = [&home] {
         QFile log(home.filePath(QStringLiteral("data/Lorvane/TavrinStudio/Velmora.log")));
         return log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
@@ -129,5 +128,40 @@ void tst_Startup::studioStaysUpAndLogsItsStart()
     studio.waitForFinished();
 }
 
-QTEST_GUILESS_MAIN(tst_Startup)
+static int probe(int argc, char** argv, const QByteArray& mode)
+{
+    return velmora::runStudio(argc, argv, [mode]() -> std::unique_ptr<QWidget> {
+        if (mode.startsWith("throw:")) {
+            QTimer::singleShot(0, [] {
+                auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+                std::printf("box.title=%s\nbox.text=%s\n", box ? qPrintable(box->windowTitle()) : "<none>",
+                            box ? qPrintable(box->text()) : "");
+                std::fflush(stdout);
+                if (box)
+                    box->accept();
+            });
+            throw std::runtime_error(mode.mid(6).toStdString());
+        }
+        const int code = mode.startsWith("exit:") ? mode.mid(5).toInt() : 0;
+        if (!code) {
+            std::printf("language=%s\n", qPrintable(tavrin_i18n::language()));
+            for (const char* name : {"PATH", "GST_PLUGIN_SYSTEM_PATH_1_0", "GST_PLUGIN_PATH_1_0", "GIO_MODULE_DIR",
+                                     "GST_PLUGIN_SCANNER"})
+                std::printf("%s=%s\n", name, qEnvironmentVariableIsSet(name) ? qgetenv(name).constData() : "<unset>");
+            std::fflush(stdout);
+        }
+        QTimer::singleShot(0, [code] { QCoreApplication::exit(code); });
+        return std::make_unique<QWidget>();
+    });
+}
+
+int main(int argc, char** argv)
+{
+    if (qEnvironmentVariableIsSet("VELMORA_PROBE"))
+        return probe(argc, argv, qgetenv("VELMORA_PROBE"));
+    QCoreApplication app(argc, argv);
+    tst_Startup test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_startup.moc"
