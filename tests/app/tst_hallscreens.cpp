@@ -2,23 +2,14 @@
 #include "PictureCentre.h"
 #include "StudioWindow.h"
 
-#include <QApplication>
-#include <QComboBox>
-#include <QLabel>
-#include <QPointer>
-#include <QScreen>
-#include <QSettings>
-#include <QTest>
-#include <QTimer>
-#include <QWindow>
-
+#include <QtTest>
+#include <QtWidgets>
+#include <cstring>
+#include <sys/uio.h>
 #include <xcb/xcb.h>
 #include <xcb/xcbext.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <sys/uio.h>
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -48,7 +39,7 @@ void* randr(xcb_connection_t* connection, std::uint8_t minor, const void* body, 
 QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
 {
     if (!connection || xcb_connection_has_error(connection))
-        return QStringLiteral("no X display");
+        return u"no X display"_s;
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
     const std::uint32_t askMonitors[2] = {root, 1};
     auto* listed = static_cast<std::uint8_t*>(randr(connection, 42, askMonitors, sizeof askMonitors));
@@ -62,7 +53,7 @@ QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
     }
     std::free(listed);
     if (!output)
-        return QStringLiteral("no RandR 1.5 output to split");
+        return u"no RandR 1.5 output to split"_s;
     std::int16_t x = 0;
     const QList<QByteArray> sizes = layout.split(',');
     for (int index = 0; index < sizes.size(); ++index) {
@@ -73,7 +64,7 @@ QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
         const xcb_atom_t nameAtom = atom ? atom->atom : xcb_atom_t(XCB_ATOM_NONE);
         std::free(atom);
         if (!nameAtom || sides.size() != 2)
-            return QStringLiteral("bad monitor layout");
+            return u"bad monitor layout"_s;
         const std::uint16_t width = std::uint16_t(sides[0].toInt()), height = std::uint16_t(sides[1].toInt());
         struct
         {
@@ -89,7 +80,7 @@ QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
         bool refused = false;
         randr(connection, 43, &monitor, index == 0 ? 32 : 28, &refused);
         if (refused)
-            return QStringLiteral("the server refused a monitor");
+            return u"the server refused a monitor"_s;
         x = std::int16_t(x + width);
     }
     return {};
@@ -100,7 +91,7 @@ bool isBlack(const QColor& colour)
     return colour.red() < 8 && colour.green() < 8 && colour.blue() < 8;
 }
 
-const QString showHall = QStringLiteral("Pantallas de sala en el monitor elegido");
+const QString showHall = u"Pantallas de sala en el monitor elegido"_s;
 
 } // namespace
 
@@ -136,10 +127,10 @@ void tst_HallScreens::showOn(StudioWindow& window, int screen)
 
 void tst_HallScreens::initTestCase()
 {
-    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
+    QSettings().setValue(u"onboarding_complete"_s, true);
     gst_init(nullptr, nullptr);
     QVERIFY2(splitProblem.isEmpty(), qPrintable(splitProblem));
-    QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb"));
+    QCOMPARE(QGuiApplication::platformName(), u"xcb"_s);
     if (qEnvironmentVariableIsSet("VELMORA_TEST_MONITORS"))
         QCOMPARE(QGuiApplication::screens().size(), 2);
 }
@@ -149,7 +140,7 @@ void tst_HallScreens::showAndHide_data()
     QTest::addColumn<int>("screen");
     QTest::addColumn<QString>("way");
     const int last = int(QGuiApplication::screens().size()) - 1;
-    QTest::newRow("first screen, button") << 0 << QStringLiteral("button");
+    QTest::newRow("first screen, button") << 0 << u"button"_s;
     for (const char* way : {"button", "Esc", "F", "double click", "close"})
         QTest::addRow("last screen, %s", way) << last << QString::fromLatin1(way);
 }
@@ -168,7 +159,7 @@ void tst_HallScreens::showAndHide()
         // The keys that hide it must reach it without a click on the projector first.
         if (round == 0)
             QTRY_COMPARE(QApplication::activeWindow(), hall.data());
-        QCOMPARE(window.hallButton->text(), QStringLiteral("Ocultar pantallas de sala (Esc)"));
+        QCOMPARE(window.hallButton->text(), u"Ocultar pantallas de sala (Esc)"_s);
         QWindow* keyboard = hall->windowHandle(); // keys go in as the keyboard's would
         QTest::keyClick(keyboard, Qt::Key_A);     // any other key leaves it up
         QVERIFY(hall->isVisible());
@@ -227,12 +218,12 @@ void tst_HallScreens::lostScreenFallsBackAndKeepsTheProgram()
     window.take();
     QTRY_COMPARE(centreOf(window.hallMonitor->image), QColor(0, 160, 0));
     showOn(window, 0);
-    window.screenCombo->addItem(QStringLiteral("desenchufada")); // a screen that has since gone
+    window.screenCombo->addItem(u"desenchufada"_s); // a screen that has since gone
     window.screenRemoved();
     QVERIFY(!window.hallWindow->isVisible());
     QCOMPARE(window.hallButton->text(), showHall);
     QCOMPARE(window.screenCombo->count(), QGuiApplication::screens().size());
-    const QString lost = QStringLiteral("Pantalla desconectada; Programa y salidas continúan.");
+    const QString lost = u"Pantalla desconectada; Programa y salidas continúan."_s;
     QCOMPARE(window.statusLabel->text(), lost);
     window.hallWindow->image = QImage(); // a new frame still reaches the hidden window
     QTRY_COMPARE(centreOf(window.hallWindow->image), QColor(0, 160, 0));
@@ -273,8 +264,8 @@ int main(int argc, char** argv)
         layout.isEmpty() ? nullptr : xcb_connect(nullptr, nullptr), &xcb_disconnect);
     const QString problem = layout.isEmpty() ? QString() : splitScreen(connection.get(), layout);
     QApplication app(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QCoreApplication::setOrganizationName(u"Lorvane"_s);
+    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
     tst_HallScreens test(problem);
     return QTest::qExec(&test, argc, argv);
 }

@@ -5,21 +5,12 @@
 #include "SecretStore.h"
 #include "StudioWindow.h"
 
-#include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFileInfo>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMessageBox>
-#include <QProcess>
-#include <QSettings>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
+#include <QtWidgets>
 #include <atomic>
 #include <csignal>
+
+using namespace Qt::StringLiterals;
 
 // The outputs as the operator drives them: the real tick records and streams to a real RTMP server,
 // ffprobe checks what arrived, and a recording cut off by a crash is repaired at the next start.
@@ -38,15 +29,19 @@ private Q_SLOTS:
     void killedRecordingIsRepairedAtTheNextStart();
 
 private:
-    static void onAir(StudioWindow& window);
+    static void onAir(StudioWindow& window)
+    {
+        window.audioCombo->setCurrentIndex(1); // test tone
+        window.connectSources();
+        window.fadeCheck->setChecked(false);
+        window.take();
+        QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
+    }
 };
 
-namespace {
+static const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT);
 
-const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT);
-const char* recordVariable = "VELMORA_RECORD_UNTIL_KILLED";
-
-void answerNextBox(QMessageBox::StandardButton answer)
+static void answerNextBox(QMessageBox::StandardButton answer)
 {
     QTimer::singleShot(0, [answer] {
         if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
@@ -54,26 +49,15 @@ void answerNextBox(QMessageBox::StandardButton answer)
     });
 }
 
-QByteArray contents(const QString& path)
+static QByteArray contents(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-} // namespace
-
-void tst_Outputs::onAir(StudioWindow& window)
-{
-    window.audioCombo->setCurrentIndex(1); // test tone
-    window.connectSources();
-    window.fadeCheck->setChecked(false);
-    window.take();
-    QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
-}
-
 void tst_Outputs::initTestCase()
 {
-    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
+    QSettings().setValue(u"onboarding_complete"_s, true);
     QDir().mkpath(folder);
     // Stream keys go to the test's own data folder, never to the user's keyring.
     qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder.toUtf8() + "/no-bus");
@@ -83,7 +67,7 @@ void tst_Outputs::recordingThroughTheTick()
 {
     StudioWindow window(false);
     onAir(window);
-    const QString path = folder + QStringLiteral("/program.webm");
+    const QString path = folder + u"/program.webm"_s;
     QFile::remove(path);
     QElapsedTimer wallClock;
     wallClock.start();
@@ -96,57 +80,50 @@ void tst_Outputs::recordingThroughTheTick()
         return GST_PAD_PROBE_OK;
     }, &entered, nullptr);
     QVERIFY(!window.formatCombo->isEnabled());
-    QSettings().remove(QStringLiteral("language"));
+    QSettings().remove(u"language"_s);
     window.languageCombo->setCurrentIndex(1);
-    QCOMPARE(window.statusLabel->text(), QStringLiteral("Detén las salidas antes de cambiar el idioma."));
-    QCOMPARE(window.languageCombo->currentIndex(), 0);
-    QVERIFY(!QSettings().contains(QStringLiteral("language")));
+    QCOMPARE(window.statusLabel->text(), u"Detén las salidas antes de cambiar el idioma."_s);
+    QVERIFY(window.languageCombo->currentIndex() == 0 && !QSettings().contains(u"language"_s));
 
     QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 90, 20000);
     window.recordButton->click();
     const double recordedFor = wallClock.elapsed() / 1000.0;
-    QCOMPARE(window.recordButton->text(), QStringLiteral("Finalizando..."));
+    QCOMPARE(window.recordButton->text(), u"Finalizando..."_s);
     QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
-    QCOMPARE(window.statusLabel->text(), QStringLiteral("Grabación guardada correctamente"));
-    QCOMPARE(window.recordButton->text(), QStringLiteral("● Grabar"));
+    QCOMPARE(window.statusLabel->text(), u"Grabación guardada correctamente"_s);
+    QCOMPARE(window.recordButton->text(), u"● Grabar"_s);
     QVERIFY(window.formatCombo->isEnabled());
-
     const auto streams = probeStreams(path);
-    QVERIFY2(streams.contains(QStringLiteral("vp8")) && streams.contains(QStringLiteral("vorbis")),
-             qPrintable(describeStreams(streams)));
+    QVERIFY2(streams.contains(u"vp8"_s) && streams.contains(u"vorbis"_s), qPrintable(describeStreams(streams)));
+    QVERIFY(qAbs(streams.value(u"vp8"_s).frames - entered) <= 2);
     // The paced clock's timestamps: a period apart at least, never ahead of the wall clock.
     const double seconds = probeDuration(path);
-    QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3,
-             qPrintable(QString::number(seconds)));
-    QVERIFY2(qAbs(streams.value(QStringLiteral("vp8")).frames - entered) <= 2, qPrintable(describeStreams(streams)));
+    QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3, qPrintable(QString::number(seconds)));
     QCOMPARE(playThrough(path), QString());
 }
 
 void tst_Outputs::failingRowLeavesTheRestOnAir()
 {
-    RtmpServer server(folder + QStringLiteral("/rtmp"));
+    RtmpServer server(folder + u"/rtmp"_s);
     QVERIFY2(server.ok(), qPrintable(server.errorString()));
     StudioWindow window(false);
     onAir(window);
-    window.startRecording(folder + QStringLiteral("/beside-the-rows.webm"));
-
+    window.startRecording(folder + u"/beside-the-rows.webm"_s);
     // Two rows selected: one reaches the server, one reaches nobody.
-    Destination& row = window.destinations[3];
-    Destination& failing = window.destinations[2];
-    const QString key = QStringLiteral("tick-stream-key"), failingKey = QStringLiteral("nobody-listens");
+    Destination &row = window.destinations[3], &failing = window.destinations[2];
+    const QString key = u"tick-stream-key"_s, failingKey = u"nobody-listens"_s;
     QFile::remove(server.recording(key));
-    row.server->setText(QStringLiteral("rtmp://127.0.0.1:%1/app/").arg(server.port()));
+    row.server->setText(u"rtmp://127.0.0.1:%1/app/"_s.arg(server.port()));
     row.key->setText(key);
-    failing.server->setText(QStringLiteral("rtmp://127.0.0.1:%1/app").arg(RtmpServer::freePort()));
+    failing.server->setText(u"rtmp://127.0.0.1:%1/app"_s.arg(RtmpServer::freePort()));
     failing.key->setText(failingKey);
     row.enabled->setChecked(true);
     failing.enabled->setChecked(true);
     window.startSelectedDestinations();
-    QCOMPARE(row.status->text(), QStringLiteral("Enviando · confirma recepción en la plataforma"));
+    QCOMPARE(row.status->text(), u"Enviando · confirma recepción en la plataforma"_s);
     QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
-    QVERIFY2(failing.status->text().startsWith(QStringLiteral("Fallo de salida (codigo ")),
-             qPrintable(failing.status->text()));
-    QCOMPARE(failing.button->text(), QStringLiteral("Iniciar"));
+    QVERIFY2(failing.status->text().startsWith(u"Fallo de salida (codigo "_s), qPrintable(failing.status->text()));
+    QCOMPARE(failing.button->text(), u"Iniciar"_s);
     QVERIFY(!window.formatCombo->isEnabled());
     // The other row and the recording go on.
     const std::uint64_t recorded = window.recording->videoFrames;
@@ -154,19 +131,17 @@ void tst_Outputs::failingRowLeavesTheRestOnAir()
                                  row.output->videoFrames >= 120, 20000);
     const std::uint64_t pushed = row.output->videoFrames;
     row.button->click();
-    QCOMPARE(row.button->text(), QStringLiteral("Iniciar"));
-    QCOMPARE(row.status->text(), QStringLiteral("Detenido"));
+    QCOMPARE(row.button->text() + row.status->text(), u"IniciarDetenido"_s);
     QTRY_VERIFY_WITH_TIMEOUT(window.retired.empty(), 20000);
     server.stop();
-
     // A busy encoder's pictures are dropped at the source, so not all of them need arrive.
     const auto streams = probeStreams(server.recording(key));
-    QVERIFY2(streams.value(QStringLiteral("h264")).frames >= int(pushed / 2) &&
-                 streams.value(QStringLiteral("aac")).frames > 0, qPrintable(describeStreams(streams)));
+    QVERIFY2(streams.value(u"h264"_s).frames >= int(pushed / 2) && streams.value(u"aac"_s).frames > 0,
+             qPrintable(describeStreams(streams)));
     // The keys appear nowhere but in their fields.
     const QString log = QString::fromUtf8(contents(StudioWindow::logPath()));
-    QVERIFY(log.contains(QStringLiteral("Salida Otro RTMP: servidor=rtmp://127.0.0.1:%1/app/ clave: 15 caracteres, "
-                                        "empieza \"tick\"").arg(server.port())));
+    QVERIFY(log.contains(u"Salida Otro RTMP: servidor=rtmp://127.0.0.1:%1/app/ clave: 15 caracteres, empieza \"tick\""_s
+                             .arg(server.port())));
     QSettings settings;
     for (const QString& secret : {key, failingKey}) {
         QVERIFY(!log.contains(secret));
@@ -181,7 +156,7 @@ void tst_Outputs::refusedEntryChangesNothing_data()
     QTest::addColumn<QString>("key");
     QTest::addColumn<QString>("recording"); // when set, a recording into this file is started instead
     QTest::addColumn<QString>("message");
-    const QString badServer = QStringLiteral("Servidor RTMP/RTMPS inválido. Separa la clave del servidor.");
+    const QString badServer = u"Servidor RTMP/RTMPS inválido. Separa la clave del servidor."_s;
     QTest::newRow("key in the server") << "rtmp://127.0.0.1/app?key=abc" << "k" << "" << badServer;
     QTest::newRow("no host, a key in the store") << "rtmp://" << "" << "" << badServer;
     QTest::newRow("key with a blank") << "rtmp://127.0.0.1/app" << "ab cd" << "" << "Clave de transmisión inválida";
@@ -194,7 +169,7 @@ void tst_Outputs::refusedEntryChangesNothing()
     QFETCH(QString, server);
     QFETCH(QString, key);
     QFETCH(QString, recording);
-    QVERIFY(storeSecret(QStringLiteral("stream-Otro RTMP"), QStringLiteral("stored-key")));
+    QVERIFY(storeSecret(u"stream-Otro RTMP"_s, u"stored-key"_s));
     StudioWindow window(false);
     Destination& row = window.destinations[3];
     row.server->setText(server);
@@ -205,11 +180,9 @@ void tst_Outputs::refusedEntryChangesNothing()
     else
         window.runGuarded([&] { window.startRecording(recording); });
     QTEST(window.statusLabel->text(), "message");
-    QVERIFY(!window.outputsRunning());
-    QCOMPARE(row.button->text(), QStringLiteral("Iniciar"));
-    QCOMPARE(window.recordButton->text(), QStringLiteral("● Grabar"));
+    QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
+    QCOMPARE(row.button->text() + window.recordButton->text(), u"Iniciar● Grabar"_s);
     QCOMPARE(row.server->text() + row.key->text(), server + key);
-    QVERIFY(window.formatCombo->isEnabled());
 }
 
 void tst_Outputs::closingFinishesTheRecording_data()
@@ -222,7 +195,7 @@ void tst_Outputs::closingFinishesTheRecording_data()
 void tst_Outputs::closingFinishesTheRecording()
 {
     QFETCH(bool, confirm);
-    const QString path = folder + QStringLiteral("/closing.webm");
+    const QString path = folder + u"/closing.webm"_s;
     QFile::remove(path);
     StudioWindow window(false);
     window.show();
@@ -240,13 +213,12 @@ void tst_Outputs::closingFinishesTheRecording()
 
 void tst_Outputs::killedRecordingIsRepairedAtTheNextStart()
 {
-    const QString path = folder + QStringLiteral("/service.webm");
-    const QString repaired = folder + QStringLiteral("/service-reparada.webm");
+    const QString path = folder + u"/service.webm"_s, repaired = folder + u"/service-reparada.webm"_s;
     QFile::remove(path);
     QFile::remove(repaired);
     QProcess studio; // this program again, recording until it is killed
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QString::fromLatin1(recordVariable), path);
+    environment.insert(u"VELMORA_RECORD_UNTIL_KILLED"_s, path);
     studio.setProcessEnvironment(environment);
     studio.start(QCoreApplication::applicationFilePath(), {});
     QTRY_VERIFY_WITH_TIMEOUT(studio.canReadLine() || studio.state() == QProcess::NotRunning, 30000);
@@ -258,18 +230,16 @@ void tst_Outputs::killedRecordingIsRepairedAtTheNextStart()
     const double wallSeconds = double(wall.elapsed()) / 1000.0;
     QVERIFY(studio.waitForFinished());
     const QByteArray original = contents(path);
-    QCOMPARE(QSettings().value(QStringLiteral("unfinished_recording")).toString(), path);
+    QCOMPARE(QSettings().value(u"unfinished_recording"_s).toString(), path);
     QCOMPARE(probeDuration(path), 0.0);
 
     StudioWindow window(false);
     const auto shown = [&window](const QString& text) {
-        for (const QLabel* label : window.findChildren<QLabel*>())
-            if (label->text() == text)
-                return true;
-        return false;
+        const auto labels = window.findChildren<QLabel*>();
+        return std::any_of(labels.begin(), labels.end(), [&text](QLabel* label) { return label->text() == text; });
     };
-    QTRY_VERIFY_WITH_TIMEOUT(shown(QStringLiteral("Grabación interrumpida reparada: ") + repaired), 60000);
-    QVERIFY(!QSettings().contains(QStringLiteral("unfinished_recording")));
+    QTRY_VERIFY_WITH_TIMEOUT(shown(u"Grabación interrumpida reparada: "_s + repaired), 60000);
+    QVERIFY(!QSettings().contains(u"unfinished_recording"_s));
     // The copy has its length and a seek index: the Cues element, whose ID the head's seek table
     // also names; in the cut-off original, left as it was, only the seek table names it.
     const double seconds = probeDuration(repaired);
@@ -284,13 +254,13 @@ void tst_Outputs::killedRecordingIsRepairedAtTheNextStart()
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QCoreApplication::setOrganizationName(u"Lorvane"_s);
+    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
     gst_init(nullptr, nullptr);
-    if (qEnvironmentVariableIsSet(recordVariable)) {
+    if (qEnvironmentVariableIsSet("VELMORA_RECORD_UNTIL_KILLED")) {
         StudioWindow window(false);
         window.take();
-        window.startRecording(qEnvironmentVariable(recordVariable));
+        window.startRecording(qEnvironmentVariable("VELMORA_RECORD_UNTIL_KILLED"));
         std::printf("recording\n");
         std::fflush(stdout);
         return QApplication::exec();

@@ -5,13 +5,11 @@
 #include "i18n.h"
 #include "i18n_english.h"
 
-#include <QDirIterator>
-#include <QRegularExpression>
-#include <QSet>
-#include <QTemporaryFile>
-#include <QTest>
+#include <QtTest>
 #include <array>
 #include <cstring>
+
+using namespace Qt::StringLiterals;
 
 GST_DEBUG_CATEGORY_STATIC(velmoraTestCategory);
 
@@ -22,7 +20,7 @@ class tst_StudioCore : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void cleanup() { tavrin_i18n::language() = QStringLiteral("es"); }
+    void cleanup() { tavrin_i18n::language() = u"es"_s; }
     void frameClockStalls_data();
     void frameClockStalls();
     void cameraDiagnosticLine_data();
@@ -45,8 +43,8 @@ static QStringList logLines()
 
 void tst_StudioCore::initTestCase()
 {
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+    QCoreApplication::setOrganizationName(u"Lorvane"_s);
+    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
     gst_init(nullptr, nullptr);
     GST_DEBUG_CATEGORY_INIT(velmoraTestCategory, "velmora-test", 0, "log tests");
     gst_debug_set_default_threshold(GST_LEVEL_WARNING);
@@ -165,23 +163,23 @@ void tst_StudioCore::everyTextInTheCodeHasEnglish()
     int found = 0;
     for (const char* folder : {"app", "core", "scene", "media", "translation", "bible", "credentials"}) {
         QDirIterator files(QStringLiteral(VELMORA_SOURCE_DIR "/") + QLatin1String(folder),
-                           {QStringLiteral("*.cpp"), QStringLiteral("*.h")}, QDir::Files, QDirIterator::Subdirectories);
+                           {u"*.cpp"_s, u"*.h"_s}, QDir::Files, QDirIterator::Subdirectories);
         while (files.hasNext()) {
             QFile file(files.next());
             QVERIFY(file.open(QIODevice::ReadOnly));
             for (auto match = call.globalMatch(QString::fromUtf8(file.readAll())); match.hasNext(); ++found) {
                 QString key;
                 for (auto part = piece.globalMatch(match.next().captured(1)); part.hasNext();)
-                    key += part.next().captured(1).replace(QStringLiteral("\\n"), QStringLiteral("\n"))
-                               .replace(QStringLiteral("\\t"), QStringLiteral("\t"))
-                               .replace(QRegularExpression(QStringLiteral(R"(\\(.))")), QStringLiteral("\\1"));
+                    key += part.next().captured(1).replace(u"\\n"_s, u"\n"_s)
+                               .replace(u"\\t"_s, u"\t"_s)
+                               .replace(QRegularExpression(QStringLiteral(R"(\\(.))")), u"\\1"_s);
                 if (!keys.contains(key) && !missing.contains(key))
                     missing.append(key);
             }
         }
     }
     QVERIFY(found > 300);
-    QVERIFY2(missing.isEmpty(), qPrintable(QStringLiteral("no English for: ") + missing.join(QStringLiteral(" | "))));
+    QVERIFY2(missing.isEmpty(), qPrintable(u"no English for: "_s + missing.join(u" | "_s)));
 }
 
 void tst_StudioCore::repeatFilter_data()
@@ -190,7 +188,7 @@ void tst_StudioCore::repeatFilter_data()
     // lines whose summary goes first, if any.
     QTest::addColumn<QStringList>("events");
     QTest::addColumn<QString>("verdicts");
-    const QStringList five(5, QStringLiteral("a:1@1000"));
+    const QStringList five(5, u"a:1@1000"_s);
     QTest::newRow("sixth line and later in the window are silenced")
         << five + QStringList{"a:1@1001", "a:1@1059"} << "+++++--";
     QTest::newRow("exactly sixty seconds opens a new window with the summary")
@@ -207,7 +205,7 @@ void tst_StudioCore::repeatFilter()
     QString seen;
     for (const QString& event : events) {
         const auto verdict = filter.admit(event.section(u'@', 0, 0), event.section(u'@', 1).toLongLong());
-        seen += (verdict.write ? QStringLiteral("+") : QStringLiteral("-")) +
+        seen += (verdict.write ? u"+"_s : u"-"_s) +
                 (verdict.omitted ? QString::number(verdict.omitted) : QString());
     }
     QTEST(seen, "verdicts");
@@ -216,7 +214,7 @@ void tst_StudioCore::repeatFilter()
 void tst_StudioCore::linesReachTheFile()
 {
     const qsizetype before = logLines().size();
-    velmora::appendLogLine(QStringLiteral("Cámara reabierta: v4l2src\nsegunda línea"));
+    velmora::appendLogLine(u"Cámara reabierta: v4l2src\nsegunda línea"_s);
     for (int i = 0; i < 7; ++i)
         GST_CAT_WARNING(velmoraTestCategory, "aviso %d %%1", i); // one call site, changing texts
     GST_CAT_WARNING(velmoraTestCategory, "aviso 0 %%1");        // same text, another call site
@@ -226,14 +224,14 @@ void tst_StudioCore::linesReachTheFile()
     QVERIFY2(lines[0].contains(QRegularExpression(
                  QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}  Cámara reabierta: v4l2src$)"))),
              qPrintable(lines[0]));
-    QCOMPARE(lines[1], QStringLiteral("segunda línea"));
+    QCOMPARE(lines[1], u"segunda línea"_s);
     // A "%1" in a message stays as written.
     const QRegularExpression shape(QStringLiteral(
         R"(^\S+ \S+  GST 2 velmora-test \S*tst_studiocore\.cpp:\d+ \S*linesReachTheFile\S* : aviso \d %1$)"));
     for (const QString& line : lines.mid(2))
         QVERIFY2(shape.match(line).hasMatch(), qPrintable(line));
-    QVERIFY(lines[6].endsWith(QStringLiteral("aviso 4 %1")));
-    QVERIFY(lines[7].endsWith(QStringLiteral("aviso 0 %1")));
+    QVERIFY(lines[6].endsWith(u"aviso 4 %1"_s));
+    QVERIFY(lines[7].endsWith(u"aviso 0 %1"_s));
 }
 
 void tst_StudioCore::unwritableFolderLosesLinesQuietly()
@@ -242,10 +240,10 @@ void tst_StudioCore::unwritableFolderLosesLinesQuietly()
     QTemporaryFile blocker; // a file stands where the data folder would be made
     QVERIFY(blocker.open());
     qputenv("XDG_DATA_HOME", QFile::encodeName(blocker.fileName()));
-    velmora::appendLogLine(QStringLiteral("lost"));
+    velmora::appendLogLine(u"lost"_s);
     GST_CAT_WARNING(velmoraTestCategory, "also lost");
     qputenv("XDG_DATA_HOME", saved);
-    QVERIFY(!logLines().last().contains(QStringLiteral("lost")));
+    QVERIFY(!logLines().last().contains(u"lost"_s));
 }
 
 QTEST_GUILESS_MAIN(tst_StudioCore)
