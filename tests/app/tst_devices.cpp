@@ -7,25 +7,18 @@
 #include "SoundServer.h"
 #include "StudioWindow.h"
 
-#include <QComboBox>
-#include <QFile>
-#include <QLabel>
-#include <QProgressBar>
-#include <QScopeGuard>
-#include <QSettings>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString nullMonitor = QStringLiteral("Monitor of Null Output");
-const QString sourcesOpen = QStringLiteral("Fuentes abiertas. Prepara una escena y pulsa AL AIRE.");
+const QString nullMonitor = u"Monitor of Null Output"_s, connectSources = u"Conectar fuentes"_s;
+const QString sourcesOpen = u"Fuentes abiertas. Prepara una escena y pulsa AL AIRE."_s;
 const QString runtimeFolder = QStringLiteral(VELMORA_TEST_OUTPUT "/runtime");
-
 // Set before the application object and GStreamer exist, for the sound server's client library.
-const bool soundServerEnvironment = [] {
-    SoundServer::useFolder(runtimeFolder);
-    return true;
-}();
+const bool soundServerEnvironment = (SoundServer::useFolder(runtimeFolder), true);
 
 // Presses a button of the window as the operator does.
 void press(const StudioWindow& window, const QString& text)
@@ -33,15 +26,15 @@ void press(const StudioWindow& window, const QString& text)
     for (QPushButton* each : window.findChildren<QPushButton*>())
         if (each->text() == text)
             return each->click();
-    QFAIL(qPrintable(QStringLiteral("no button ") + text));
+    QFAIL(qPrintable(u"no button "_s + text));
 }
 
 // Loads or unloads a sound server module, as plugging a device in or out would.
 void pactl(const QStringList& arguments)
 {
     int exitCode = -1;
-    QVERIFY2(runTool(QStringLiteral("pactl"), arguments, &exitCode).isEmpty() || exitCode == 0, "pactl failed");
-    QCOMPARE(exitCode, 0);
+    const QString output = runTool(u"pactl"_s, arguments, &exitCode);
+    QVERIFY2(exitCode == 0, qPrintable(output));
 }
 
 } // namespace
@@ -67,11 +60,11 @@ private:
 void tst_Devices::initTestCase()
 {
     QVERIFY(soundServerEnvironment);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
+    QCoreApplication::setOrganizationName(u"Lorvane"_s);
+    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
+    QSettings().setValue(u"onboarding_complete"_s, true);
     QVERIFY(soundServer.clearFolder());
-    QCOMPARE(soundServer.start(), QString());
+    QCOMPARE(soundServer.start(), QString()); // the failure, if any
     gst_init(nullptr, nullptr);
     // Four seconds of a loud tone to play into the sink.
     tonePath = QStringLiteral(VELMORA_TEST_OUTPUT "/tone.wav");
@@ -85,7 +78,7 @@ void tst_Devices::audioInputOnConnect()
     StudioWindow window(false);
     const std::shared_ptr<Media> pattern = window.camera;
     window.audioCombo->setCurrentIndex(window.audioCombo->findText(nullMonitor));
-    press(window, QStringLiteral("Conectar fuentes"));
+    press(window, connectSources);
     QCOMPARE(window.statusLabel->text(), sourcesOpen);
     // The sink plays nothing yet: its monitor runs, and the meter stays down.
     QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 10, 5000);
@@ -97,19 +90,18 @@ void tst_Devices::audioInputOnConnect()
     QVERIFY(window.programAudio.size() <= 96000);
     // Connecting again keeps the running camera and opens the audio anew.
     const gstptr::Element firstPipeline(GST_ELEMENT(gst_object_ref(window.capture->pipeline.get())));
-    press(window, QStringLiteral("Conectar fuentes"));
+    press(window, connectSources);
     QCOMPARE(window.camera, pattern);
     QVERIFY(window.capture && window.capture->pipeline.get() != firstPipeline.get());
     QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 5, 5000);
     // No input: nothing is captured while the frames go on.
     window.audioCombo->setCurrentIndex(0);
-    press(window, QStringLiteral("Conectar fuentes"));
+    press(window, connectSources);
     QVERIFY(!window.capture);
     QCOMPARE(window.statusLabel->text(), sourcesOpen);
     const std::uint32_t frames = window.camera->frameCount;
     QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount >= frames + 10, 5000);
-    QVERIFY(window.programAudio.empty());
-    QCOMPARE(window.inputMeter->value(), 0);
+    QVERIFY(window.programAudio.empty() && window.inputMeter->value() == 0);
 }
 
 void tst_Devices::deviceThatWillNotOpenIsReported_data()
@@ -129,16 +121,14 @@ void tst_Devices::deviceThatWillNotOpenIsReported()
     QComboBox* combo = camera ? window.cameraCombo : window.audioCombo;
     (camera ? window.videoDevices : window.audioDevices)
         .push_back(makeFakeDevice("Desenchufado", camera ? "Video/Source" : "Audio/Source", nullptr, {}));
-    combo->addItem(QStringLiteral("Desenchufado"));
+    combo->addItem(u"Desenchufado"_s);
     combo->setCurrentIndex(combo->count() - 1);
     if (camera)
         window.audioCombo->setCurrentIndex(1);
-
-    press(window, QStringLiteral("Conectar fuentes"));
+    press(window, connectSources);
     QTEST(window.statusLabel->text(), "message");
     // The rest stands: the old camera stays, and a camera failure does not stop the audio.
-    QCOMPARE(window.camera, pattern);
-    QCOMPARE(window.cameraIndex, -1);
+    QVERIFY(window.camera == pattern && window.cameraIndex == -1);
     QCOMPARE(bool(window.capture), camera);
     const std::uint32_t frames = window.camera->frameCount;
     QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > frames + 5, 5000);
@@ -154,16 +144,16 @@ void tst_Devices::listsFollowTheDevicesOnRefresh()
     // Devices are not watched: the lists change on a refresh only.
     pactl({"unload-module", "module-null-sink"});
     QCOMPARE(window.audioCombo->findText(nullMonitor), at);
-    press(window, QStringLiteral("Actualizar dispositivos"));
+    press(window, u"Actualizar dispositivos"_s);
     QCOMPARE(window.audioCombo->findText(nullMonitor), -1);
     pactl({"load-module", "module-null-sink", "sink_name=studio"});
     QCOMPARE(window.audioCombo->findText(nullMonitor), -1);
-    press(window, QStringLiteral("Actualizar dispositivos"));
+    press(window, u"Actualizar dispositivos"_s);
     // The built-in entries lead; each entry after them is the device at the same place, less their number.
-    QCOMPARE(window.cameraCombo->itemText(0), QStringLiteral("Barras de prueba"));
+    QCOMPARE(window.cameraCombo->itemText(0), u"Barras de prueba"_s);
     QCOMPARE(std::size_t(window.cameraCombo->count()), 1 + window.videoDevices.size());
-    QCOMPARE(window.audioCombo->itemText(0), QStringLiteral("Sin entrada / silencio"));
-    QCOMPARE(window.audioCombo->itemText(1), QStringLiteral("Señal de prueba (sin altavoces)"));
+    QCOMPARE(window.audioCombo->itemText(0) + window.audioCombo->itemText(1),
+             u"Sin entrada / silencioSeñal de prueba (sin altavoces)"_s);
     QCOMPARE(std::size_t(window.audioCombo->count()), 2 + window.audioDevices.size());
     const int back = window.audioCombo->findText(nullMonitor);
     QVERIFY(back >= 2);

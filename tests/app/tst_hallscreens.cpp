@@ -92,6 +92,7 @@ bool isBlack(const QColor& colour)
 }
 
 const QString showHall = u"Pantallas de sala en el monitor elegido"_s;
+QString splitProblem; // why the screen could not be cut into monitors
 
 } // namespace
 
@@ -99,9 +100,6 @@ const QString showHall = u"Pantallas de sala en el monitor elegido"_s;
 class tst_HallScreens : public QObject
 {
     Q_OBJECT
-
-public:
-    explicit tst_HallScreens(QString splitProblem) : splitProblem(std::move(splitProblem)) {}
 
 private Q_SLOTS:
     void initTestCase();
@@ -113,7 +111,6 @@ private Q_SLOTS:
 
 private:
     static void showOn(StudioWindow& window, int screen);
-    QString splitProblem;
 };
 
 void tst_HallScreens::showOn(StudioWindow& window, int screen)
@@ -262,11 +259,11 @@ int main(int argc, char** argv)
     const QByteArray layout = qgetenv("VELMORA_TEST_MONITORS");
     const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> connection(
         layout.isEmpty() ? nullptr : xcb_connect(nullptr, nullptr), &xcb_disconnect);
-    const QString problem = layout.isEmpty() ? QString() : splitScreen(connection.get(), layout);
+    splitProblem = layout.isEmpty() ? QString() : splitScreen(connection.get(), layout);
     QApplication app(argc, argv);
     QCoreApplication::setOrganizationName(u"Lorvane"_s);
     QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-    tst_HallScreens test(problem);
+    tst_HallScreens test;
     return QTest::qExec(&test, argc, argv);
 }
 

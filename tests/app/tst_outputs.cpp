@@ -98,7 +98,8 @@ void tst_Outputs::recordingThroughTheTick()
     QVERIFY(qAbs(streams.value(u"vp8"_s).frames - entered) <= 2);
     // The paced clock's timestamps: a period apart at least, never ahead of the wall clock.
     const double seconds = probeDuration(path);
-    QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3, qPrintable(QString::number(seconds)));
+    QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3,
+             qPrintable(QString::number(seconds)));
     QCOMPARE(playThrough(path), QString());
 }
 

@@ -1,13 +1,11 @@
 #include "Startup.h"
 #include "i18n.h"
 
-#include <QApplication>
-#include <QMessageBox>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
+#include <QtWidgets>
 #include <stdexcept>
+
+using namespace Qt::StringLiterals;
 
 // Start-up is tested as a process, as the operator starts it: a fresh settings folder, a chosen
 // locale and environment, and the exit code and output that come back. A copy of this program runs
@@ -28,11 +26,11 @@ static QProcessEnvironment freshEnvironment(const QString& home, const QString& 
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const QString folder : {"config", "data", "cache"})
-        environment.insert(QStringLiteral("XDG_%1_HOME").arg(folder.toUpper()), home + '/' + folder);
-    environment.insert(QStringLiteral("HOME"), home);
-    environment.insert(QStringLiteral("LC_ALL"), locale);
-    environment.insert(QStringLiteral("LANG"), locale);
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        environment.insert(u"XDG_%1_HOME"_s.arg(folder.toUpper()), home + '/' + folder);
+    environment.insert(u"HOME"_s, home);
+    environment.insert(u"LC_ALL"_s, locale);
+    environment.insert(u"LANG"_s, locale);
+    environment.insert(u"QT_QPA_PLATFORM"_s, u"offscreen"_s);
     return environment;
 }
 
@@ -45,16 +43,16 @@ void tst_Startup::start_data()
     QTest::addColumn<int>("code");
     QTest::addColumn<QStringList>("printed"); // "@" is the executable's folder
 
-    const QString es = QStringLiteral("es_ES.UTF-8"), de = QStringLiteral("de_DE.UTF-8");
+    const QString es = u"es_ES.UTF-8"_s, de = u"de_DE.UTF-8"_s;
     const auto language = [](const char* row, const QString& stored, const QString& locale, const char* chosen) {
         QTest::newRow(row) << stored << locale << "report" << false << 0 << QStringList{"language=" + QString(chosen)};
     };
-    language("nothing stored, Spanish system", QString(), QStringLiteral("es_MX.UTF-8"), "es");
-    language("nothing stored, English system", QString(), QStringLiteral("en_US.UTF-8"), "en");
-    language("foreign value, German system", QStringLiteral("fr"), de, "en");
-    language("upper case is not a choice", QStringLiteral("EN"), es, "es");
-    language("stored English wins", QStringLiteral("en"), es, "en");
-    language("stored Spanish wins", QStringLiteral("es"), de, "es");
+    language("nothing stored, Spanish system", QString(), u"es_MX.UTF-8"_s, "es");
+    language("nothing stored, English system", QString(), u"en_US.UTF-8"_s, "en");
+    language("foreign value, German system", u"fr"_s, de, "en");
+    language("upper case is not a choice", u"EN"_s, es, "es");
+    language("stored English wins", u"en"_s, es, "en");
+    language("stored Spanish wins", u"es"_s, de, "es");
     QTest::newRow("no GStreamer tree: the environment stands") << QString() << es << "report" << false << 0
         << QStringList{"PATH=@:/usr/bin:/bin", "GST_PLUGIN_SYSTEM_PATH_1_0=/usr/lib/x86_64-linux-gnu/gstreamer-1.0",
                        "GST_PLUGIN_PATH_1_0=/opt/other/plugins", "GIO_MODULE_DIR=<unset>",
@@ -63,7 +61,7 @@ void tst_Startup::start_data()
         << QStringList{"PATH=@:/usr/bin:/bin", "GST_PLUGIN_SYSTEM_PATH_1_0=@/gstreamer/lib/gstreamer-1.0",
                        "GST_PLUGIN_PATH_1_0=", "GIO_MODULE_DIR=@/gstreamer/lib/gio/modules",
                        "GST_PLUGIN_SCANNER=@/gstreamer/libexec/gstreamer-1.0/gst-plugin-scanner"};
-    const QString failing = QStringLiteral("throw:No se pudo iniciar fuente");
+    const QString failing = u"throw:No se pudo iniciar fuente"_s;
     QTest::newRow("failing window, Spanish") << QString() << es << failing << false << 1
         << QStringList{"box.title=No se pudo iniciar Velmora", "box.text=No se pudo iniciar fuente"};
     QTest::newRow("failing window, English") << QString() << "en_GB.UTF-8" << failing << false << 1
@@ -79,26 +77,24 @@ void tst_Startup::start()
     QFETCH(QStringList, printed);
     QTemporaryDir home, install;
     if (!stored.isNull()) {
-        QVERIFY(QDir().mkpath(home.filePath(QStringLiteral("config/Lorvane"))));
-        QFile file(home.filePath(QStringLiteral("config/Lorvane/TavrinStudio.conf")));
+        QVERIFY(QDir().mkpath(home.filePath(u"config/Lorvane"_s)));
+        QFile file(home.filePath(u"config/Lorvane/TavrinStudio.conf"_s));
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write("[General]\nlanguage=" + stored.toUtf8() + "\n");
     }
-    const QString program = install.filePath(QStringLiteral("velmora-probe"));
+    const QString program = install.filePath(u"velmora-probe"_s);
     QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
     QFETCH(bool, gstreamerTree);
-    if (gstreamerTree)
-        QVERIFY(QDir().mkpath(install.filePath(QStringLiteral("gstreamer/lib/gstreamer-1.0"))));
-
+    QVERIFY(!gstreamerTree || QDir().mkpath(install.filePath(u"gstreamer/lib/gstreamer-1.0"_s)));
     QFETCH(QString, locale);
-    QProcessEnvironment environment = freshEnvironment(home.path(), locale);
     QFETCH(QString, probe);
-    environment.insert(QStringLiteral("VELMORA_PROBE"), probe);
-    environment.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin"));
-    environment.insert(QStringLiteral("GST_PLUGIN_SYSTEM_PATH_1_0"), "/usr/lib/x86_64-linux-gnu/gstreamer-1.0");
-    environment.insert(QStringLiteral("GST_PLUGIN_PATH_1_0"), QStringLiteral("/opt/other/plugins"));
-    environment.remove(QStringLiteral("GIO_MODULE_DIR"));
-    environment.remove(QStringLiteral("GST_PLUGIN_SCANNER"));
+    QProcessEnvironment environment = freshEnvironment(home.path(), locale);
+    environment.insert(u"VELMORA_PROBE"_s, probe);
+    environment.insert(u"PATH"_s, u"/usr/bin:/bin"_s);
+    environment.insert(u"GST_PLUGIN_SYSTEM_PATH_1_0"_s, "/usr/lib/x86_64-linux-gnu/gstreamer-1.0");
+    environment.insert(u"GST_PLUGIN_PATH_1_0"_s, u"/opt/other/plugins"_s);
+    for (const QString name : {u"GIO_MODULE_DIR"_s, u"GST_PLUGIN_SCANNER"_s})
+        environment.remove(name);
     QProcess process;
     process.setProcessEnvironment(environment);
     process.start(program, {});
@@ -114,10 +110,10 @@ void tst_Startup::studioStaysUpAndLogsItsStart()
 {
     QTemporaryDir home;
     QProcess studio;
-    studio.setProcessEnvironment(freshEnvironment(home.path(), QStringLiteral("es_ES.UTF-8")));
+    studio.setProcessEnvironment(freshEnvironment(home.path(), u"es_ES.UTF-8"_s));
     studio.start(QStringLiteral(VELMORA_BINARY), {});
     const auto logText = [&home] {
-        QFile log(home.filePath(QStringLiteral("data/Lorvane/TavrinStudio/Velmora.log")));
+        QFile log(home.filePath(u"data/Lorvane/TavrinStudio/Velmora.log"_s));
         return log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
     };
     // The camera's 90th picture is logged three seconds into a running window.
