@@ -1,11 +1,28 @@
+#include "DiagnosticLog.h"
+#include "FrameClock.h"
 #include "Startup.h"
 #include "i18n.h"
+#include "i18n_english.h"
 
 #include <QtTest>
 #include <QtWidgets>
 #include <stdexcept>
 
 using namespace Qt::StringLiterals;
+
+GST_DEBUG_CATEGORY_STATIC(velmoraTestCategory);
+
+static QStringList logLines()
+{
+    QFile file(velmora::logFilePath());
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts)
+                                          : QStringList();
+}
+
+// A call of T, a thrown text or a pipeline's error text: its adjacent literals, then each literal.
+static const QRegularExpression call(QStringLiteral(
+    R"re((?:\bT|_error|\bfail|\b(?:error|reason)\s*=)\s*\(?((?:\s*"(?:[^"\\]|\\.)*")+)\s*[);+])re"));
+static const QRegularExpression piece(QStringLiteral(R"re("((?:[^"\\]|\\.)*)")re")), escape(u"\\\\(.)"_s);
 
 static QProcessEnvironment freshEnvironment(const QString& home, const QString& locale)
 {
@@ -22,16 +39,26 @@ static QProcessEnvironment freshEnvironment(const QString& home, const QString& 
     return environment;
 }
 
-// Start-up is tested as a process, as the operator starts it: a fresh settings folder, a chosen
-// locale and environment, and the exit code and output that come back. A copy of this program runs
-// the real start-up with a stand-in window, as VELMORA_PROBE asks: "report" prints the language and
-// GStreamer's environment, "throw:T" fails with the text T and prints the box it gets, "exit:N" ends
-// the event loop with N.
+// Start-up as a process, as the operator starts it, with a fresh settings folder, a locale and an
+// environment. A copy of this program runs the real start-up with a stand-in window, as VELMORA_PROBE
+// asks: "report" prints the language and GStreamer's environment, "throw:T" fails with the text T and
+// prints the box it gets, "exit:N" ends the event loop with N. Also the parts that need no window.
 class tst_Startup : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase()
+    {
+        QCoreApplication::setOrganizationName(u"Lorvane"_s);
+        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
+        gst_init(nullptr, nullptr);
+        GST_DEBUG_CATEGORY_INIT(velmoraTestCategory, "velmora-test", 0, "log tests");
+        gst_debug_set_default_threshold(GST_LEVEL_WARNING);
+        gst_debug_remove_log_function(gst_debug_log_default);
+        gst_debug_add_log_function(gstLogToFile, nullptr, nullptr);
+    }
+
     void start_data()
     {
         QTest::addColumn<QString>("stored"); // the language setting; null: none
@@ -51,12 +78,8 @@ private Q_SLOTS:
                                          "GST_PLUGIN_SYSTEM_PATH_1_0=/usr/lib/x86_64-linux-gnu/gstreamer-1.0",
                                          "GST_PLUGIN_PATH_1_0=/opt/other/plugins", "GST_PLUGIN_SCANNER=<unset>"};
         QTest::newRow("EN is no choice") << u"EN"_s << es << "report" << false << 0 << QStringList{"language=es"};
-        QTest::newRow("nothing stored, English system") << QString() << "en_US.UTF-8" << "report" << false << 0
-                                                        << QStringList{"language=en"};
         const QString failing = u"throw:No se pudo iniciar fuente"_s;
-        QTest::newRow("failing window, Spanish") << QString() << es << failing << false << 1
-            << QStringList{"box.title=No se pudo iniciar Velmora", "box.text=No se pudo iniciar fuente"};
-        QTest::newRow("failing window, English") << QString() << "en_GB.UTF-8" << failing << false << 1
+        QTest::newRow("nothing stored, English, failing") << QString() << "en_GB.UTF-8" << failing << false << 1
             << QStringList{"box.title=Velmora could not start", "box.text=Source could not start"};
         QTest::newRow("the event loop's code") << QString() << es << "exit:3" << false << 3 << QStringList();
     }
@@ -102,6 +125,139 @@ private Q_SLOTS:
         QVERIFY(logText().contains("=== Inicio Velmora 0.4.0 ===") && studio.state() == QProcess::Running);
         studio.kill();
         studio.waitForFinished();
+    }
+
+    void frameClockStalls_data()
+    {
+        QTest::addColumn<int>("stallMs");
+        QTest::addColumn<int>("jumps");
+        QTest::addColumn<int>("catchUpRun"); // frames made on consecutive firings right after the stall
+        QTest::newRow("one late frame") << 40 << 0 << 2;
+        QTest::newRow("245 ms is still caught up") << 245 << 0 << 9;
+        QTest::newRow("300 ms jumps once") << 300 << 1 << 1;
+    }
+
+    // A 5 ms timer that stops firing for a while, as a busy GUI thread does.
+    void frameClockStalls()
+    {
+        QFETCH(int, stallMs);
+        const std::int64_t startUs = 1000000, stallUs = startUs + 500000, resumeUs = stallUs + stallMs * 1000;
+        FrameClock clock(startUs);
+        std::int64_t last = 0;
+        int jumped = 0, run = 0;
+        for (std::int64_t nowUs = startUs; nowUs < startUs + 2000000; nowUs += 5000) {
+            if ((nowUs >= stallUs && nowUs < resumeUs) || !clock.due(nowUs))
+                continue;
+            const std::int64_t frame = clock.advance(nowUs);
+            if (last && frame - last != FrameClock::periodUs) {
+                ++jumped; // the clock restarts at the present moment
+                QVERIFY(frame - last > FrameClock::periodUs + FrameClock::slipLimitUs && frame == nowUs);
+            }
+            run += nowUs == resumeUs + run * 5000;
+            last = frame;
+        }
+        QTEST(jumped, "jumps");
+        QTEST(run, "catchUpRun");
+        QVERIFY(clock.nextFrameUs > startUs + 2000000 - FrameClock::periodUs);
+    }
+
+    void translate_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QString>("spanish");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("es never consults the table") << "es" << "AL AIRE  →" << "AL AIRE  →";
+        QTest::newRow("en known key") << "en" << "AL AIRE  →" << "ON AIR  →";
+        QTest::newRow("en unknown text unchanged") << "en" << "AL AIRE →" << "AL AIRE →";
+        QTest::newRow("en lost signal keeps the source's words") << "en" << "Fuente sin señal: Cámara [v4l2]"
+                                                                 << "Source lost signal: Cámara [v4l2]";
+    }
+
+    void translate()
+    {
+        QFETCH(QString, language);
+        QFETCH(QString, spanish);
+        tavrin_i18n::language() = language;
+        QTEST(T(spanish.toUtf8().constData()), "expected");
+        tavrin_i18n::language() = u"es"_s;
+    }
+
+    // Every text that can reach the operator needs an English row, or it stays Spanish in the English
+    // interface without a report: literals passed to T, texts thrown and those a pipeline leaves in its
+    // error field (both shown through T), adjacent literals joined. Keys are unique, none without English.
+    void everyTextInTheCodeHasEnglish()
+    {
+        const auto& english = tavrin_i18n::english();
+        QCOMPARE(std::size_t(english.size()), tavrin_i18n::englishPairs().size());
+        QVERIFY(!english.values().contains(QString()));
+        QStringList missing;
+        int found = 0;
+        for (const char* folder : {"app", "core", "scene", "media", "translation", "bible", "credentials"}) {
+            QDirIterator files(QStringLiteral(VELMORA_SOURCE_DIR "/") + QLatin1String(folder), {u"*.cpp"_s, u"*.h"_s},
+                               QDir::Files, QDirIterator::Subdirectories);
+            while (files.hasNext()) {
+                QFile file(files.next());
+                QVERIFY(file.open(QIODevice::ReadOnly));
+                for (auto match = call.globalMatch(QString::fromUtf8(file.readAll())); match.hasNext(); ++found) {
+                    QString key;
+                    for (auto part = piece.globalMatch(match.next().captured(1)); part.hasNext();)
+                        key += part.next().captured(1);
+                    key.replace(u"\\n"_s, u"\n"_s).replace(u"\\t"_s, u"\t"_s).replace(escape, u"\\1"_s);
+                    if (!english.contains(key))
+                        missing << key;
+                }
+            }
+        }
+        QVERIFY(found > 300);
+        QVERIFY2(missing.isEmpty(), qPrintable(u"no English for: "_s + missing.join(u" | "_s)));
+    }
+
+    void repeatFilter_data()
+    {
+        // Events as "call site@second". Per event: '+' written or '-' silenced, then the count of silenced
+        // lines whose summary goes first, if any.
+        QTest::addColumn<QStringList>("events");
+        QTest::addColumn<QString>("verdicts");
+        const QStringList five(5, u"a:1@1000"_s);
+        QTest::newRow("sixth line and later in the window are silenced") << five + QStringList{"a:1@1059"} << "+++++-";
+        QTest::newRow("sixty seconds on, a new window and the summary")
+            << five + QStringList{"a:1@1000", "a:1@1000", "a:1@1060", "a:1@1061"} << "+++++--+2+";
+        QTest::newRow("a quiet window gives no summary") << QStringList{"a:1@1000", "a:1@1100"} << "++";
+        QTest::newRow("call sites are counted apart") << five + QStringList{"a:2@1000", "b:1@1001"} << "+++++++";
+    }
+
+    void repeatFilter()
+    {
+        QFETCH(QStringList, events);
+        velmora::RepeatFilter filter;
+        QString seen;
+        for (const QString& event : events) {
+            const auto verdict = filter.admit(event.section(u'@', 0, 0), event.section(u'@', 1).toLongLong());
+            seen += (verdict.write ? u"+"_s : u"-"_s) + (verdict.omitted ? QString::number(verdict.omitted) : u""_s);
+        }
+        QTEST(seen, "verdicts");
+    }
+
+    void linesReachTheFile()
+    {
+        const qsizetype before = logLines().size();
+        velmora::appendLogLine(u"Cámara reabierta\nsegunda línea"_s);
+        for (int i = 0; i < 7; ++i)
+            GST_CAT_WARNING(velmoraTestCategory, "aviso %d %%1", i); // one call site: five lines, then silence
+        GST_CAT_INFO(velmoraTestCategory, "below the threshold");
+        const QStringList lines = logLines().mid(before);
+        QCOMPARE(lines.size(), 7);
+        QVERIFY(lines[0].endsWith(u"  Cámara reabierta"_s) && lines[1] == u"segunda línea"_s);
+        // A "%1" in a message stays as written.
+        const QRegularExpression shape(u" GST 2 velmora-test \\S*tst_startup\\.cpp:\\d+ \\S*linesReach\\S* : "_s);
+        QVERIFY2(lines[6].contains(shape) && lines[6].endsWith(u" : aviso 4 %1"_s), qPrintable(lines[6]));
+        const QByteArray saved = qgetenv("XDG_DATA_HOME");
+        QTemporaryFile blocker; // where no data folder can be made, lines are lost without a word
+        QVERIFY(blocker.open());
+        qputenv("XDG_DATA_HOME", QFile::encodeName(blocker.fileName()));
+        velmora::appendLogLine(u"lost"_s);
+        qputenv("XDG_DATA_HOME", saved);
+        QCOMPARE(logLines().size(), before + 7);
     }
 };
 
