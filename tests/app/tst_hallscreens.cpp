@@ -13,9 +13,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Xvfb has one RandR output, so Qt sees one screen. A studio with a projector looks like one X screen cut
-// into RandR 1.5 monitors side by side ("1024x768,800x600"): this cuts Xvfb's root so before Qt connects.
-// The first monitor takes the one output, which retires the root's automatic monitor.
+// Cuts Xvfb's one screen into RandR 1.5 monitors side by side ("1024x768,800x600") before Qt connects,
+// as a projector beside the studio's monitor. The first takes the one output, retiring the automatic one.
 QString splitScreen(xcb_connection_t* connection, const QByteArray& layout)
 {
     static xcb_extension_t randrExtension{"RANDR", 0};
@@ -155,8 +154,7 @@ private Q_SLOTS:
         }
     }
 
-    // A projector unplugged: the window hides, the combo lists what is left, the show goes on. With no
-    // screen left at all, the button shows nothing and says nothing.
+    // A projector unplugged: the window hides, the combo lists what is left, the show goes on.
     void lostScreenFallsBackAndKeepsTheProgram()
     {
         StudioWindow window(false);
@@ -180,8 +178,7 @@ private Q_SLOTS:
 
 int main(int argc, char** argv)
 {
-    // Only when asked, never on a developer's own display. The connection stays open: Xvfb forgets the
-    // monitors when its last client leaves.
+    // Only when asked; the connection stays open, as Xvfb forgets the monitors when its last client leaves.
     const QByteArray layout = qgetenv("VELMORA_TEST_MONITORS");
     const std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)> connection(
         layout.isEmpty() ? nullptr : xcb_connect(nullptr, nullptr), &xcb_disconnect);

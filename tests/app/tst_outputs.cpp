@@ -20,7 +20,6 @@ static const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT), tone = folder
 static const QString nullMonitor = u"Monitor of Null Output"_s;
 static const QString sourcesOpen = u"Fuentes abiertas. Prepara una escena y pulsa AL AIRE."_s;
 
-// Presses a button of the window as the operator does.
 static void press(const StudioWindow& window, const QString& text = u"Conectar fuentes"_s)
 {
     for (QPushButton* each : window.findChildren<QPushButton*>())
@@ -43,9 +42,8 @@ static QByteArray contents(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// Sources and outputs as the operator drives them: the audio input is a real sound server's null sink
-// monitor; the real tick records and streams to a real RTMP server, ffprobe checks what arrived, and
-// a recording cut off by a crash is repaired at the next start.
+// Sources and outputs as the operator drives them: a real sound server's null sink is the audio input; the
+// tick records and streams to a real RTMP server, and a recording cut off by a crash is repaired.
 class tst_Outputs : public QObject
 {
     Q_OBJECT
@@ -119,34 +117,27 @@ private Q_SLOTS:
         QCOMPARE(QString::fromUtf8(name.get()), nullMonitor);
     }
 
-    // Listed, but gone by the time it is opened: it makes no element. The old camera stays, and a
-    // camera failure does not stop the audio.
-    void deviceThatWillNotOpenIsReported_data()
-    {
-        QTest::addColumn<bool>("camera");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("audio") << false << "Audio: Faltan componentes de captura de audio";
-        QTest::newRow("camera") << true << "Cámara: Falta componente de fuente multimedia";
-    }
-
+    // Listed, but gone when opened: the old camera stays, and a camera failure does not stop the audio.
     void deviceThatWillNotOpenIsReported()
     {
-        QFETCH(bool, camera);
         StudioWindow window(false);
         const std::shared_ptr<Media> pattern = window.camera;
-        QComboBox* combo = camera ? window.cameraCombo : window.audioCombo;
-        (camera ? window.videoDevices : window.audioDevices)
-            .push_back(makeFakeDevice("Desenchufado", camera ? "Video/Source" : "Audio/Source", nullptr, {}));
-        combo->addItem(u"Desenchufado"_s);
-        combo->setCurrentIndex(combo->count() - 1);
-        if (camera)
-            window.audioCombo->setCurrentIndex(1);
-        press(window);
-        QTEST(window.statusLabel->text(), "message");
-        QVERIFY(window.camera == pattern && window.cameraIndex == -1 && bool(window.capture) == camera);
-        const std::uint32_t frames = window.camera->frameCount;
-        QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > frames + 5 && (!camera || window.capture->blockCount >= 5),
-                                 5000);
+        for (const bool camera : {false, true}) {
+            QComboBox* combo = camera ? window.cameraCombo : window.audioCombo;
+            (camera ? window.videoDevices : window.audioDevices)
+                .push_back(makeFakeDevice("Desenchufado", camera ? "Video/Source" : "Audio/Source", nullptr, {}));
+            combo->addItem(u"Desenchufado"_s);
+            combo->setCurrentIndex(combo->count() - 1);
+            if (camera)
+                window.audioCombo->setCurrentIndex(1);
+            press(window);
+            QCOMPARE(window.statusLabel->text(), camera ? u"Cámara: Falta componente de fuente multimedia"_s
+                                                        : u"Audio: Faltan componentes de captura de audio"_s);
+            QVERIFY(window.camera == pattern && window.cameraIndex == -1 && bool(window.capture) == camera);
+            const std::uint32_t frames = window.camera->frameCount;
+            QTRY_VERIFY_WITH_TIMEOUT(
+                window.camera->frameCount > frames + 5 && (!camera || window.capture->blockCount >= 5), 5000);
+        }
     }
 
     // One run: a recording, a row that reaches the server and a row that reaches nobody.
@@ -226,32 +217,22 @@ private Q_SLOTS:
             QVERIFY(!text.contains(key) && !text.contains(failingKey));
     }
 
-    void refusedEntryChangesNothing_data()
-    {
-        QTest::addColumn<QString>("server");
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("recording"); // when set, a recording into this file is started instead
-        QTest::addColumn<QString>("message");
-        QTest::newRow("key in the server") << "rtmp://127.0.0.1/app?key=abc" << "k" << ""
-                                           << "Servidor RTMP/RTMPS inválido. Separa la clave del servidor.";
-        QTest::newRow("missing folder") << "" << "" << "/no/such/program.webm" << "No se pudo iniciar salida";
-    }
-
+    // A refused destination or recording shows why, and changes nothing.
     void refusedEntryChangesNothing()
     {
-        QFETCH(QString, server);
-        QFETCH(QString, key);
-        QFETCH(QString, recording);
         StudioWindow window(false);
         Destination& row = window.destinations[3];
-        row.server->setText(server);
-        row.key->setText(key);
-        answerNextBox(QMessageBox::Ok);
-        window.runGuarded([&] { recording.isEmpty() ? row.button->click() : window.startRecording(recording); });
-        QTEST(window.statusLabel->text(), "message");
-        QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
-        QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
-                 u"Iniciar● Grabar"_s + server + key);
+        row.server->setText(u"rtmp://127.0.0.1/app?key=abc"_s);
+        row.key->setText(u"k"_s);
+        for (const bool recording : {false, true}) {
+            answerNextBox(QMessageBox::Ok);
+            window.runGuarded([&] { recording ? window.startRecording(u"/no/such/a.webm"_s) : row.button->click(); });
+            const QString badServer = u"Servidor RTMP/RTMPS inválido. Separa la clave del servidor."_s;
+            QCOMPARE(window.statusLabel->text(), recording ? u"No se pudo iniciar salida"_s : badServer);
+            QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
+            QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
+                     u"Iniciar● Grabarrtmp://127.0.0.1/app?key=abck"_s);
+        }
     }
 
     // Closing while recording asks first; "yes" finishes the file.
