@@ -225,26 +225,16 @@ private Q_SLOTS:
         QTEST(seen, "verdicts");
     }
 
-    void linesReachTheFile()
+    // GStreamer's warnings reach the log: five of one call site, then silence; a "%1" stays as written.
+    void gstLinesReachTheFile()
     {
         const qsizetype before = logLines().size();
-        velmora::appendLogLine(u"Cámara reabierta\nsegunda línea"_s);
         for (int i = 0; i < 7; ++i)
-            GST_CAT_WARNING(velmoraTestCategory, "aviso %d %%1", i); // one call site: five lines, then silence
+            GST_CAT_WARNING(velmoraTestCategory, "aviso %d %%1", i);
         GST_CAT_INFO(velmoraTestCategory, "below the threshold");
         const QStringList lines = logLines().mid(before);
-        QCOMPARE(lines.size(), 7);
-        QVERIFY(lines[0].endsWith(u"  Cámara reabierta"_s) && lines[1] == u"segunda línea"_s);
-        // A "%1" in a message stays as written.
-        const QRegularExpression shape(u" GST 2 velmora-test \\S*tst_startup\\.cpp:\\d+ \\S*linesReach\\S* : "_s);
-        QVERIFY2(lines[6].contains(shape) && lines[6].endsWith(u" : aviso 4 %1"_s), qPrintable(lines[6]));
-        const QByteArray saved = qgetenv("XDG_DATA_HOME");
-        QTemporaryFile blocker; // where no data folder can be made, lines are lost without a word
-        QVERIFY(blocker.open());
-        qputenv("XDG_DATA_HOME", QFile::encodeName(blocker.fileName()));
-        velmora::appendLogLine(u"lost"_s);
-        qputenv("XDG_DATA_HOME", saved);
-        QCOMPARE(logLines().size(), before + 7);
+        const QRegularExpression shape(u" GST 2 velmora-test \\S*startup\\.cpp:\\d+ \\S*gstLines\\S* : aviso 4 %1$"_s);
+        QVERIFY2(lines.size() == 5 && lines[4].contains(shape), qPrintable(lines.join(u'\n')));
     }
 };
 
