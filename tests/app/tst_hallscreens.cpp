@@ -4,7 +4,6 @@
 
 #include <QtTest>
 #include <QtWidgets>
-#include <cstring>
 #include <sys/uio.h>
 #include <xcb/xcb.h>
 #include <xcb/xcbext.h>

@@ -2,7 +2,6 @@
 #include "FrameClock.h"
 #include "Startup.h"
 #include "i18n.h"
-#include "i18n_english.h"
 
 #include <QtTest>
 #include <QtWidgets>
@@ -176,8 +175,6 @@ private Q_SLOTS:
     // Texts passed to T, thrown, or left in a pipeline's error field reach the operator through T.
     void everyTextInTheCodeHasEnglish()
     {
-        const auto& english = tavrin_i18n::english();
-        QCOMPARE(std::size_t(english.size()), tavrin_i18n::englishPairs().size()); // no key twice
         QStringList missing;
         int found = 0;
         for (const char* folder : {"app", "core", "scene", "media", "translation", "bible", "credentials"}) {
@@ -190,8 +187,7 @@ private Q_SLOTS:
                     QString key;
                     for (auto part = piece.globalMatch(match.next().captured(1)); part.hasNext();)
                         key += part.next().captured(1);
-                    key.replace(u"\\n"_s, u"\n"_s).replace(u"\\t"_s, u"\t"_s).replace(escape, u"\\1"_s);
-                    if (!english.contains(key))
+                    if (!tavrin_i18n::english().contains(key.replace(u"\\n"_s, u"\n"_s).replace(escape, u"\\1"_s)))
                         missing << key;
                 }
             }
