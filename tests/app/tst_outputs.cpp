@@ -70,7 +70,7 @@ private Q_SLOTS:
                          "rate=48000,channels=2 ! wavenc ! filesink location=\"" + QFile::encodeName(tone) + '"'));
     }
 
-    void audioInputOnConnectAndRefresh()
+    void sourcesOnConnectRefreshAndFailure()
     {
         StudioWindow window(false);
         const std::shared_ptr<Media> pattern = window.camera;
@@ -84,23 +84,17 @@ private Q_SLOTS:
         const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
         QTRY_VERIFY_WITH_TIMEOUT(window.inputMeter->value() > 0 && peakOf(window.programAudio) > 0.1f, 10000);
         QVERIFY(window.programAudio.size() <= 96000);
-        // Connecting again keeps the running camera and opens the audio anew.
-        const gstptr::Element firstPipeline(GST_ELEMENT(gst_object_ref(window.capture->pipeline.get())));
-        press(window);
-        QVERIFY(window.camera == pattern && window.capture && window.capture->pipeline.get() != firstPipeline.get());
-        QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 5, 5000);
-        // No input: nothing is captured while the frames go on.
+        // No input: the running camera stays, nothing is captured while the frames go on.
         window.audioCombo->setCurrentIndex(0);
         press(window);
-        QVERIFY(!window.capture && window.statusLabel->text() == sourcesOpen);
+        QVERIFY(!window.capture && window.camera == pattern && window.statusLabel->text() == sourcesOpen);
         const std::uint32_t frames = window.camera->frameCount;
         QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount >= frames + 10, 5000);
         QVERIFY(window.programAudio.empty() && window.inputMeter->value() == 0);
-        // Devices are not watched: the lists change on a refresh only.
-        const int at = window.audioCombo->findText(nullMonitor);
+        // A refresh drops a device gone and finds it back.
         int exitCode = -1;
         runTool(u"pactl"_s, {u"unload-module"_s, u"module-null-sink"_s}, &exitCode);
-        QVERIFY(at >= 2 && exitCode == 0 && window.audioCombo->findText(nullMonitor) == at);
+        QCOMPARE(exitCode, 0);
         press(window, u"Actualizar dispositivos"_s);
         QCOMPARE(window.audioCombo->findText(nullMonitor), -1);
         runTool(u"pactl"_s, {u"load-module"_s, u"module-null-sink"_s, u"sink_name=studio"_s}, &exitCode);
@@ -112,13 +106,7 @@ private Q_SLOTS:
         QVERIFY(back >= 2);
         const gstptr::String name(gst_device_get_display_name(window.audioDevices.at(std::size_t(back - 2)).get()));
         QCOMPARE(QString::fromUtf8(name.get()), nullMonitor);
-    }
-
-    // Listed, but gone when opened: the old camera stays, and a camera failure does not stop the audio.
-    void deviceThatWillNotOpenIsReported()
-    {
-        StudioWindow window(false);
-        const std::shared_ptr<Media> pattern = window.camera;
+        // Listed, but gone when opened: the old camera stays, and a camera failure does not stop the audio.
         for (const bool camera : {false, true}) {
             QComboBox* combo = camera ? window.cameraCombo : window.audioCombo;
             (camera ? window.videoDevices : window.audioDevices)
@@ -141,12 +129,11 @@ private Q_SLOTS:
     void streamAndRecordWhileARowFails()
     {
         RtmpServer server(folder + u"/rtmp"_s);
-        QVERIFY2(server.ok(), qPrintable(server.errorString()));
+        QVERIFY(server.ok());
         StudioWindow window(false);
         onAir(window);
         const QString path = folder + u"/program.webm"_s, key = u"tick-stream-key"_s, failingKey = u"nobody"_s;
         QFile::remove(path);
-        QFile::remove(server.recording(key));
         QElapsedTimer wallClock;
         wallClock.start();
         window.startRecording(path);
@@ -163,60 +150,54 @@ private Q_SLOTS:
         QVERIFY(window.languageCombo->currentIndex() == 0 && !QSettings().contains(u"language"_s));
 
         Destination &row = window.destinations[3], &failing = window.destinations[2];
-        row.server->setText(u"rtmp://127.0.0.1:%1/app/"_s.arg(server.port()));
-        failing.server->setText(u"rtmp://127.0.0.1:%1/app"_s.arg(RtmpServer::freePort()));
-        row.key->setText(key);
-        failing.key->setText(failingKey);
-        row.enabled->setChecked(true);
-        failing.enabled->setChecked(true);
+        for (auto [each, port, text] : {std::tuple{&row, server.port(), key},
+                                        {&failing, RtmpServer::freePort(), failingKey}}) {
+            each->server->setText(u"rtmp://127.0.0.1:%1/app/"_s.arg(port));
+            each->key->setText(text);
+            each->enabled->setChecked(true);
+        }
         window.startSelectedDestinations();
         QCOMPARE(row.status->text(), u"Enviando · confirma recepción en la plataforma"_s);
         answerNextBox(QMessageBox::No); // closing asks first; "no" keeps everything on air
         QVERIFY(!window.close());
         QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
-        const QString failed = failing.status->text();
-        QVERIFY2(failed.startsWith(u"Fallo de salida (codigo "_s) && failing.button->text() == u"Iniciar"_s,
-                 qPrintable(failed));
+        QVERIFY(failing.status->text().startsWith(u"Fallo de salida (codigo "_s));
+        QCOMPARE(failing.button->text(), u"Iniciar"_s);
         // The other row and the recording go on.
         const std::uint64_t enough = std::max<std::uint64_t>(window.recording->videoFrames + 15, 90);
         QTRY_VERIFY_WITH_TIMEOUT(window.recording && window.recording->videoFrames > enough && row.output &&
                                      row.output->videoFrames >= 120, 20000);
         const std::uint64_t pushed = row.output->videoFrames;
         row.button->click();
-        QCOMPARE(row.button->text() + row.status->text(), u"IniciarDetenido"_s);
-        QVERIFY(!window.formatCombo->isEnabled());
+        QVERIFY(row.status->text() == u"Detenido"_s && !window.formatCombo->isEnabled());
         window.recordButton->click();
         const double recordedFor = wallClock.elapsed() / 1000.0;
         QCOMPARE(window.recordButton->text(), u"Finalizando..."_s);
         QTRY_VERIFY_WITH_TIMEOUT(!window.recording && window.retired.empty(), 20000);
-        QCOMPARE(window.statusLabel->text() + window.recordButton->text(),
-                 u"Grabación guardada correctamente● Grabar"_s);
+        QCOMPARE(window.statusLabel->text(), u"Grabación guardada correctamente"_s);
         QVERIFY(window.formatCombo->isEnabled());
         server.stop();
         const auto sent = probeStreams(server.recording(key)), streams = probeStreams(path);
-        QVERIFY2(sent.value(u"h264"_s).frames >= int(pushed / 2) && sent.value(u"aac"_s).frames > 0,
-                 qPrintable(describeStreams(sent)));
-        QVERIFY2(streams.contains(u"vorbis"_s) && qAbs(streams.value(u"vp8"_s).frames - entered) <= 2,
-                 qPrintable(describeStreams(streams)));
+        QVERIFY(sent.value(u"h264"_s).frames >= int(pushed / 2) && sent.value(u"aac"_s).frames > 0);
+        QVERIFY(streams.contains(u"vorbis"_s) && qAbs(streams.value(u"vp8"_s).frames - entered) <= 2);
         // The paced clock's timestamps: a period apart at least, never ahead of the wall clock.
         const double seconds = probeDuration(path);
-        QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3,
-                 qPrintable(QString::number(seconds)));
-        QCOMPARE(playThrough(path), QString());
-        // The keys appear nowhere but in their fields.
-        const QString log = QString::fromUtf8(contents(StudioWindow::logPath()));
-        QVERIFY(log.contains(u"Salida Otro RTMP: servidor=rtmp://127.0.0.1:%1/app/ clave: 15 caracteres, "
-                             "empieza \"tick\""_s.arg(server.port())));
-        QStringList texts{log};
+        QVERIFY(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3 && playThrough(path).isEmpty());
+        // The keys appear nowhere but in their fields: the log tells only their length and start.
+        QStringList texts{QString::fromUtf8(contents(StudioWindow::logPath()))};
+        QVERIFY(texts[0].contains(u"clave: 15 caracteres, empieza \"tick\""_s));
         for (const QString& setting : QSettings().allKeys())
             texts << QSettings().value(setting).toString();
         for (const QString& text : texts)
             QVERIFY(!text.contains(key) && !text.contains(failingKey));
     }
 
-    // A refused destination or recording shows why, and changes nothing.
-    void refusedEntryChangesNothing()
+    // A refused destination or recording shows why, and changes nothing. Closing while recording asks first;
+    // "yes" finishes the file.
+    void refusedEntryThenClosingWhileRecording()
     {
+        const QString path = folder + u"/closing.webm"_s;
+        QFile::remove(path);
         StudioWindow window(false);
         Destination& row = window.destinations[3];
         row.server->setText(u"rtmp://127.0.0.1/app?key=abc"_s);
@@ -230,14 +211,6 @@ private Q_SLOTS:
             QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
                      u"Iniciar● Grabarrtmp://127.0.0.1/app?key=abck"_s);
         }
-    }
-
-    // Closing while recording asks first; "yes" finishes the file.
-    void closingFinishesTheRecording()
-    {
-        const QString path = folder + u"/closing.webm"_s;
-        QFile::remove(path);
-        StudioWindow window(false);
         window.show();
         onAir(window);
         window.startRecording(path);
@@ -271,7 +244,7 @@ private Q_SLOTS:
         }), 60000);
         QVERIFY(!QSettings().contains(u"unfinished_recording"_s));
         const double seconds = probeDuration(repaired);
-        QVERIFY2(seconds > wallSeconds / 2 && seconds <= wallSeconds + 0.5, qPrintable(QString::number(seconds)));
+        QVERIFY(seconds > wallSeconds / 2 && seconds <= wallSeconds + 0.5);
         // A seek index now: the Cues element, named also by the head's seek table. The original is left as is.
         const QByteArray cues = QByteArray::fromHex("1c53bb6b");
         QVERIFY(contents(repaired).count(cues) == 2 && original.count(cues) == 1 && contents(path) == original);
