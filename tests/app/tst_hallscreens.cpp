@@ -28,29 +28,19 @@ void splitScreen(xcb_connection_t* connection, const QByteArray& layout)
     // The monitor count is word 3; the first monitor starts at word 8, its output count high in word 9.
     const std::uint32_t output = listed && listed[3] && listed[9] >> 16 ? listed[14] : 0;
     std::free(listed);
-    std::uint32_t x = 0, index = 0;
+    std::uint32_t x = 0, name = XCB_ATOM_PRIMARY; // any atom names a monitor: PRIMARY, then SECONDARY
     for (const QByteArray& size : layout.split(',')) {
-        const QByteArray name = "HALL-" + QByteArray::number(++index);
-        auto* atom = xcb_intern_atom_reply(
-            connection, xcb_intern_atom(connection, 0, std::uint16_t(name.size()), name.constData()), nullptr);
         const std::uint32_t width = size.split('x').value(0).toUInt(), height = size.split('x').value(1).toUInt();
         // Name, then primary, automatic and the output count, x and y, width and height, size in mm, outputs.
-        std::vector<std::uint32_t> monitor{root, atom ? atom->atom : 0, index == 1 ? 0x10001u : 0, x,
-                                           height << 16 | width, 300, 200};
-        std::free(atom);
-        if (index == 1)
-            monitor.push_back(output);
-        randr(43, monitor);
+        std::vector<std::uint32_t> monitor{root, name, x ? 0 : 0x10001u, x, height << 16 | width, 300, 200, output};
+        randr(43, x ? std::vector(monitor.begin(), monitor.end() - 1) : monitor);
         x += width;
+        ++name;
     }
     std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr)); // all done
 }
 
-bool isBlack(const QImage& image, QPoint at)
-{
-    const QColor colour = image.pixelColor(at);
-    return colour.red() < 8 && colour.green() < 8 && colour.blue() < 8;
-}
+bool isBlack(const QImage& image, QPoint at) { return qGray(image.pixel(at)) < 8; }
 
 const QString showHall = u"Pantallas de sala en el monitor elegido"_s;
 
@@ -63,7 +53,6 @@ class tst_HallScreens : public QObject
 
     static void showOn(StudioWindow& window, int screen)
     {
-        QCOMPARE(window.screenCombo->count(), QGuiApplication::screens().size());
         QCOMPARE(window.screenCombo->itemText(screen), QGuiApplication::screens()[screen]->name());
         window.screenCombo->setCurrentIndex(screen);
         window.hallButton->click();
@@ -75,7 +64,6 @@ private Q_SLOTS:
     {
         QSettings().setValue(u"onboarding_complete"_s, true);
         gst_init(nullptr, nullptr);
-        QCOMPARE(QGuiApplication::platformName(), u"xcb"_s);
         QVERIFY(!qEnvironmentVariableIsSet("VELMORA_TEST_MONITORS") || QGuiApplication::screens().size() == 2);
     }
 
@@ -85,13 +73,13 @@ private Q_SLOTS:
         StudioWindow window(false);
         const QPointer<Picture> hall(window.hallWindow.get());
         int screen = 0;
-        for (const QString way : {"button", "Esc", "F", "double click", "close"}) {
+        for (const QString way : {"button", "Esc", "double click", "close"}) {
             showOn(window, screen);
             QVERIFY(hall->isFullScreen() && hall->cursor().shape() == Qt::BlankCursor);
+            QCOMPARE(window.hallButton->text(), u"Ocultar pantallas de sala (Esc)"_s);
             QTRY_COMPARE(hall->geometry(), QGuiApplication::screens()[screen]->geometry());
             if (way == "button"_L1) // the keys that hide it reach it without a click on the projector first
                 QTRY_COMPARE(QApplication::activeWindow(), hall.data());
-            QCOMPARE(window.hallButton->text(), u"Ocultar pantallas de sala (Esc)"_s);
             QWindow* keyboard = hall->windowHandle(); // keys go in as the keyboard's would
             QTest::keyClick(keyboard, Qt::Key_A);     // any other key leaves it up
             QVERIFY(hall->isVisible());
@@ -102,7 +90,7 @@ private Q_SLOTS:
             else if (way == "close"_L1)
                 QVERIFY(!hall->close()); // the window manager's close command (Alt+F4)
             else
-                QTest::keyClick(keyboard, way == "F"_L1 ? Qt::Key_F : Qt::Key_Escape);
+                QTest::keyClick(keyboard, Qt::Key_Escape);
             QVERIFY(!hall->isVisible() && window.hallButton->text() == showHall);
             QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
             QCOMPARE(window.hallWindow.get(), hall.data());
@@ -120,7 +108,9 @@ private Q_SLOTS:
         QCOMPARE(QCoreApplication::exec(), 0);
     }
 
-    void blackUntilTheFirstFrameThenBarsAroundThePicture()
+    // Black until the first frame, then the hall's default scene; a wider picture gets bars above and below.
+    // Then the projector is unplugged: the window hides, the combo lists what is left, the show goes on.
+    void pictureThenLostScreen()
     {
         StudioWindow window(false);
         window.tickTimer.stop(); // hold the first frame back
@@ -129,32 +119,22 @@ private Q_SLOTS:
         QTRY_COMPARE(window.hallWindow->size(), screen);
         const QImage before = window.hallWindow->grab().toImage();
         QVERIFY(isBlack(before, {0, 0}) && isBlack(before, before.rect().center()));
-        // The Hall program is the hall's default scene: its background colour fills the middle.
         window.tickTimer.start();
         QTRY_VERIFY(!window.hallWindow->image.isNull());
         QCOMPARE(window.hallWindow->image, window.hallMonitor->image);
         QCOMPARE(centreOf(window.hallWindow->grab().toImage()), window.hallProgram.layers.front().fill);
-        // Wider than the screen: bars above and below. Narrower: bars left and right. Never stretched.
         window.tickTimer.stop();
-        for (const bool wide : {true, false}) {
-            QImage red(QSize(screen.width() * (wide ? 2 : 1), screen.height() * (wide ? 1 : 2)), QImage::Format_RGB32);
-            red.fill(Qt::red);
-            window.hallWindow->image = red;
-            const QImage shown = window.hallWindow->grab().toImage();
-            const QPoint mid = shown.rect().center(), edge = wide ? QPoint(mid.x(), 2) : QPoint(2, mid.y());
-            QVERIFY(isBlack(shown, edge) && isBlack(shown, 2 * mid - edge) && centreOf(shown) == QColor(Qt::red));
-        }
-    }
-
-    // A projector unplugged: the window hides, the combo lists what is left, the show goes on.
-    void lostScreenFallsBackAndKeepsTheProgram()
-    {
-        StudioWindow window(false);
+        QImage red(QSize(screen.width() * 2, screen.height()), QImage::Format_RGB32);
+        red.fill(Qt::red);
+        window.hallWindow->image = red;
+        const QImage shown = window.hallWindow->grab().toImage();
+        QVERIFY(isBlack(shown, {shown.width() / 2, 2}) && isBlack(shown, {shown.width() / 2, shown.height() - 3}));
+        QCOMPARE(centreOf(shown), QColor(Qt::red));
+        window.tickTimer.start();
         window.busChosen(1);
         window.scene().layers.front().fill = QColor(0, 160, 0);
         window.take();
         QTRY_COMPARE(centreOf(window.hallMonitor->image), QColor(0, 160, 0));
-        showOn(window, 0);
         window.screenCombo->addItem(u"desenchufada"_s); // a screen that has since gone
         window.screenRemoved();
         const QString lost = u"Pantalla desconectada; Programa y salidas continúan."_s;
