@@ -1,256 +1,252 @@
+#include "AudioCapture.h"
+#include "AudioPeak.h"
+#include "FakeDevice.h"
+#include "GstTestRun.h"
 #include "Media.h"
 #include "MediaProbe.h"
 #include "Output.h"
 #include "RtmpServer.h"
-#include "SecretStore.h"
+#include "SoundServer.h"
 #include "StudioWindow.h"
 
-#include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMessageBox>
-#include <QSettings>
-#include <QTest>
-#include <QTimer>
-#include <atomic>
+#include <QtTest>
+#include <QtWidgets>
+#include <csignal>
 
-// The outputs as the operator drives them: the real tick feeds a recording and streams to a real
-// RTMP server, and what arrived is checked with ffprobe.
-class tst_Outputs : public QObject
+using namespace Qt::StringLiterals;
+
+static const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT), tone = folder + u"/tone.wav"_s;
+static const QString nullMonitor = u"Monitor of Null Output"_s;
+static const QString sourcesOpen = u"Fuentes abiertas. Prepara una escena y pulsa AL AIRE."_s;
+
+static void press(const StudioWindow& window, const QString& text = u"Conectar fuentes"_s)
 {
-    Q_OBJECT
-
-private Q_SLOTS:
-    void initTestCase();
-    void recordingThroughTheTick();
-    void failingRowLeavesTheRestOnAir();
-    void refusedEntryChangesNothing_data();
-    void refusedEntryChangesNothing();
-    void closingFinishesTheRecording_data();
-    void closingFinishesTheRecording();
-
-private:
-    static void goOnAirWithToneAndPattern(StudioWindow& window);
-    void answerNextBox(QMessageBox::StandardButton answer);
-    QString folder;
-};
-
-void tst_Outputs::initTestCase()
-{
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-    QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-    gst_init(nullptr, nullptr);
-    folder = QStringLiteral(VELMORA_TEST_OUTPUT);
-    QDir().mkpath(folder);
-    // Stream keys are stored in the test's own data folder, never in the user's keyring.
-    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder.toUtf8() + "/no-bus");
+    for (QPushButton* each : window.findChildren<QPushButton*>())
+        if (each->text() == text)
+            return each->click();
+    QFAIL(qPrintable(u"no button "_s + text));
 }
 
-void tst_Outputs::goOnAirWithToneAndPattern(StudioWindow& window)
+static void answerNextBox(QMessageBox::StandardButton answer)
 {
-    window.audioCombo->setCurrentIndex(1); // "Señal de prueba (sin altavoces)"
-    window.connectSources();
-    window.fadeCheck->setChecked(false);
-    window.take();
-    QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
-}
-
-void tst_Outputs::answerNextBox(QMessageBox::StandardButton answer)
-{
-    QTimer::singleShot(0, this, [answer] {
+    QTimer::singleShot(0, [answer] {
         if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
             box->button(answer)->click();
     });
 }
 
-void tst_Outputs::recordingThroughTheTick()
+static QByteArray contents(const QString& path)
 {
-    StudioWindow window(false);
-    goOnAirWithToneAndPattern(window);
-    const QString path = folder + QStringLiteral("/program.webm");
-    QFile::remove(path);
-    QElapsedTimer wallClock;
-    wallClock.start();
-    window.startRecording(path);
-    // A busy encoder's pictures are dropped at the source on purpose: the file holds what entered.
-    std::atomic<int> entered{0};
-    const gstptr::Pad sourcePad(gst_element_get_static_pad(window.recording->videoSource, "src"));
-    gst_pad_add_probe(
-        sourcePad.get(), GST_PAD_PROBE_TYPE_BUFFER,
-        [](GstPad*, GstPadProbeInfo*, gpointer counter) {
-            ++*static_cast<std::atomic<int>*>(counter);
-            return GST_PAD_PROBE_OK;
-        },
-        &entered, nullptr);
-    QVERIFY(!window.formatCombo->isEnabled());
-    QCOMPARE(window.recordButton->text(), QStringLiteral("■ Detener grabación"));
-
-    QSettings settings;
-    settings.remove(QStringLiteral("language"));
-    window.languageCombo->setCurrentIndex(1);
-    QCOMPARE(window.statusLabel->text(), QStringLiteral("Detén las salidas antes de cambiar el idioma."));
-    QCOMPARE(window.languageCombo->currentIndex(), 0);
-    settings.sync();
-    QVERIFY(!settings.contains(QStringLiteral("language")));
-
-    QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 90, 20000);
-    window.recordButton->click(); // stop, as the operator does
-    const double recordedFor = wallClock.elapsed() / 1000.0;
-    QCOMPARE(window.recordButton->text(), QStringLiteral("Finalizando..."));
-    QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
-    QCOMPARE(window.statusLabel->text(), QStringLiteral("Grabación guardada correctamente"));
-    QCOMPARE(window.recordButton->text(), QStringLiteral("● Grabar"));
-    QVERIFY(window.formatCombo->isEnabled());
-
-    const auto streams = probeStreams(path);
-    QVERIFY2(streams.contains(QStringLiteral("vp8")) && streams.contains(QStringLiteral("vorbis")),
-             qPrintable(describeStreams(streams)));
-    // The timestamps are the paced clock's: a period apart at least, and never ahead of the wall clock.
-    const double seconds = probeDuration(path);
-    QVERIFY2(seconds >= (entered - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3,
-             qPrintable(QStringLiteral("%1 s for %2 pictures in %3 s").arg(seconds).arg(entered).arg(recordedFor)));
-    QVERIFY2(qAbs(streams.value(QStringLiteral("vp8")).frames - entered) <= 2, qPrintable(describeStreams(streams)));
-    const QString complaints = playThrough(path);
-    QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void tst_Outputs::failingRowLeavesTheRestOnAir()
+// Sources and outputs as the operator drives them: a real sound server's null sink is the audio input; the
+// tick records and streams to a real RTMP server, and a recording cut off by a crash is repaired.
+class tst_Outputs : public QObject
 {
-    RtmpServer server(folder + QStringLiteral("/rtmp"));
-    QVERIFY2(server.ok(), qPrintable(server.errorString()));
-    StudioWindow window(false);
-    goOnAirWithToneAndPattern(window);
-    window.startRecording(folder + QStringLiteral("/beside-the-rows.webm"));
+    Q_OBJECT
+    SoundServer soundServer{folder + u"/runtime"_s};
 
-    // Two rows selected: one reaches the server, one reaches nobody.
-    Destination& row = window.destinations[3];
-    const QString key = QStringLiteral("tick-stream-key");
-    QFile::remove(server.recording(key));
-    row.server->setText(QStringLiteral("rtmp://127.0.0.1:%1/app/").arg(server.port()));
-    row.key->setText(key);
-    Destination& failing = window.destinations[2];
-    const QString failingKey = QStringLiteral("nobody-listens");
-    failing.server->setText(QStringLiteral("rtmp://127.0.0.1:%1/app").arg(RtmpServer::freePort()));
-    failing.key->setText(failingKey);
-    row.enabled->setChecked(true);
-    failing.enabled->setChecked(true);
-    window.startSelectedDestinations();
-    QCOMPARE(row.button->text(), QStringLiteral("Detener"));
-    QCOMPARE(row.status->text(), QStringLiteral("Enviando · confirma recepción en la plataforma"));
-    QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
-    QVERIFY2(failing.status->text().startsWith(QStringLiteral("Fallo de salida (codigo ")),
-             qPrintable(failing.status->text()));
-    QCOMPARE(failing.button->text(), QStringLiteral("Iniciar"));
-    QVERIFY(!window.formatCombo->isEnabled());
-    // The other row and the recording go on.
-    const std::uint64_t recorded = window.recording->videoFrames;
-    QTRY_VERIFY_WITH_TIMEOUT(window.recording && window.recording->videoFrames > recorded + 15 && row.output &&
-                                 row.output->videoFrames >= 120,
-                             20000);
-    const std::uint64_t pushed = row.output->videoFrames;
-    row.button->click();
-    QCOMPARE(row.button->text(), QStringLiteral("Iniciar"));
-    QCOMPARE(row.status->text(), QStringLiteral("Detenido"));
-    QTRY_VERIFY_WITH_TIMEOUT(window.retired.empty(), 20000);
-    server.stop();
-
-    // A busy encoder's pictures are dropped at the source, so not all of them need arrive.
-    const auto streams = probeStreams(server.recording(key));
-    QVERIFY2(streams.value(QStringLiteral("h264")).frames >= int(pushed / 2) &&
-                 streams.value(QStringLiteral("aac")).frames > 0,
-             qPrintable(describeStreams(streams)));
-    // The keys appear nowhere but in their fields.
-    QFile logFile(StudioWindow::logPath());
-    QVERIFY(logFile.open(QIODevice::ReadOnly));
-    const QString log = QString::fromUtf8(logFile.readAll());
-    QVERIFY(log.contains(QStringLiteral("Salida Otro RTMP: servidor=rtmp://127.0.0.1:%1/app/ clave: 15 caracteres, empieza \"tick\"")
-                             .arg(server.port())));
-    QSettings settings;
-    for (const QString& secret : {key, failingKey}) {
-        QVERIFY(!log.contains(secret));
-        for (const QString& setting : settings.allKeys())
-            QVERIFY(!settings.value(setting).toString().contains(secret));
+    static void onAir(StudioWindow& window)
+    {
+        window.audioCombo->setCurrentIndex(1); // test tone
+        window.connectSources();
+        window.fadeCheck->setChecked(false);
+        window.take();
+        QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
     }
-}
 
-void tst_Outputs::refusedEntryChangesNothing_data()
-{
-    QTest::addColumn<QString>("server");
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QString>("recording"); // when set, a recording into this file is started instead
-    QTest::addColumn<QString>("message");
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QSettings().setValue(u"onboarding_complete"_s, true);
+        QDir().mkpath(folder);
+        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder.toUtf8() + "/no-bus"); // not the user's keyring
+        QVERIFY(soundServer.clearFolder());
+        QCOMPARE(soundServer.start(), QString()); // the failure, if any
+        QVERIFY(runToEnd("audiotestsrc num-buffers=188 samplesperbuffer=1024 volume=0.5 ! audio/x-raw,format=S16LE,"
+                         "rate=48000,channels=2 ! wavenc ! filesink location=\"" + QFile::encodeName(tone) + '"'));
+    }
 
-    const QString badServer = QStringLiteral("Servidor RTMP/RTMPS inválido. Separa la clave del servidor.");
-    QTest::newRow("key in the server") << "rtmp://127.0.0.1/app?key=abc" << "k" << "" << badServer;
-    QTest::newRow("no host, a key in the store") << "rtmp://" << "" << "" << badServer;
-    QTest::newRow("key with a blank") << "rtmp://127.0.0.1/app" << "ab cd" << "" << "Clave de transmisión inválida";
-    QTest::newRow("recording into a missing folder")
-        << "rtmp://" << "" << "/no/such/folder/program.webm" << "No se pudo iniciar salida";
-}
+    void sourcesOnConnectRefreshAndFailure()
+    {
+        StudioWindow window(false);
+        const std::shared_ptr<Media> pattern = window.camera;
+        window.audioCombo->setCurrentIndex(window.audioCombo->findText(nullMonitor));
+        press(window);
+        QCOMPARE(window.statusLabel->text(), sourcesOpen);
+        // The sink plays nothing yet: its monitor runs, and the meter stays down.
+        QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 10, 5000);
+        QCOMPARE(window.inputMeter->value(), 0);
+        QVERIFY(soundServer.play(tone));
+        const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
+        QTRY_VERIFY_WITH_TIMEOUT(window.inputMeter->value() > 0 && peakOf(window.programAudio) > 0.1f, 10000);
+        QVERIFY(window.programAudio.size() <= 96000);
+        // No input: the running camera stays, nothing is captured.
+        window.audioCombo->setCurrentIndex(0);
+        press(window);
+        QVERIFY(!window.capture && window.camera == pattern);
+        QTRY_VERIFY(window.programAudio.empty() && window.inputMeter->value() == 0);
+        // A refresh drops a device gone and finds it back.
+        runTool(u"pactl"_s, {u"unload-module"_s, u"module-null-sink"_s});
+        press(window, u"Actualizar dispositivos"_s);
+        QCOMPARE(window.audioCombo->findText(nullMonitor), -1);
+        runTool(u"pactl"_s, {u"load-module"_s, u"module-null-sink"_s, u"sink_name=studio"_s});
+        press(window, u"Actualizar dispositivos"_s);
+        QVERIFY(window.audioCombo->findText(nullMonitor) >= 2); // after "none" and the test tone
+        // Listed, but gone when opened: the old camera stays, and a camera failure does not stop the audio.
+        for (const bool camera : {false, true}) {
+            QComboBox* combo = camera ? window.cameraCombo : window.audioCombo;
+            (camera ? window.videoDevices : window.audioDevices)
+                .push_back(makeFakeDevice("Desenchufado", camera ? "Video/Source" : "Audio/Source", nullptr, {}));
+            combo->addItem(u"Desenchufado"_s);
+            combo->setCurrentIndex(combo->count() - 1);
+            if (camera)
+                window.audioCombo->setCurrentIndex(1);
+            press(window);
+            QCOMPARE(window.statusLabel->text(), camera ? u"Cámara: Falta componente de fuente multimedia"_s
+                                                        : u"Audio: Faltan componentes de captura de audio"_s);
+            QVERIFY(window.camera == pattern && window.cameraIndex == -1 && bool(window.capture) == camera);
+            const std::uint32_t frames = window.camera->frameCount;
+            QTRY_VERIFY_WITH_TIMEOUT(
+                window.camera->frameCount > frames + 5 && (!camera || window.capture->blockCount >= 5), 5000);
+        }
+    }
 
-void tst_Outputs::refusedEntryChangesNothing()
-{
-    QFETCH(QString, server);
-    QFETCH(QString, key);
-    QFETCH(QString, recording);
-    QFETCH(QString, message);
+    // One run: a recording, a row that reaches the server and a row that reaches nobody.
+    void streamAndRecordWhileARowFails()
+    {
+        RtmpServer server(folder + u"/rtmp"_s);
+        QVERIFY(server.ok());
+        StudioWindow window(false);
+        onAir(window);
+        const QString path = folder + u"/program.webm"_s, key = u"tick-stream-key"_s, failingKey = u"nobody"_s;
+        QFile::remove(path);
+        QElapsedTimer wallClock;
+        wallClock.start();
+        window.startRecording(path);
+        QSettings().remove(u"language"_s);
+        window.languageCombo->setCurrentIndex(1);
+        QCOMPARE(window.statusLabel->text(), u"Detén las salidas antes de cambiar el idioma."_s);
+        QVERIFY(window.languageCombo->currentIndex() == 0 && !QSettings().contains(u"language"_s));
 
-    QVERIFY(storeSecret(QStringLiteral("stream-Otro RTMP"), QStringLiteral("stored-key")));
-    StudioWindow window(false);
-    Destination& row = window.destinations[3];
-    row.server->setText(server);
-    row.key->setText(key);
-    answerNextBox(QMessageBox::Ok);
-    if (recording.isEmpty())
+        Destination &row = window.destinations[3], &failing = window.destinations[2];
+        for (auto [each, port, text] : {std::tuple{&row, server.port(), key},
+                                        {&failing, RtmpServer::freePort(), failingKey}}) {
+            each->server->setText(u"rtmp://127.0.0.1:%1/app/"_s.arg(port));
+            each->key->setText(text);
+            each->enabled->setChecked(true);
+        }
+        window.startSelectedDestinations();
+        QCOMPARE(row.status->text(), u"Enviando · confirma recepción en la plataforma"_s);
+        answerNextBox(QMessageBox::No); // closing asks first; "no" keeps everything on air
+        QVERIFY(!window.close());
+        QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
+        QVERIFY(failing.status->text().startsWith(u"Fallo de salida (codigo "_s));
+        QCOMPARE(failing.button->text(), u"Iniciar"_s);
+        // The other row and the recording go on.
+        const std::uint64_t enough = std::max<std::uint64_t>(window.recording->videoFrames + 15, 90);
+        QTRY_VERIFY_WITH_TIMEOUT(window.recording && window.recording->videoFrames > enough && row.output &&
+                                     row.output->videoFrames >= 120, 20000);
+        const std::uint64_t pushed = row.output->videoFrames;
         row.button->click();
-    else
-        window.runGuarded([&] { window.startRecording(recording); });
-    QCOMPARE(window.statusLabel->text(), message);
-    QVERIFY(!window.outputsRunning());
-    QCOMPARE(row.button->text(), QStringLiteral("Iniciar"));
-    QCOMPARE(window.recordButton->text(), QStringLiteral("● Grabar"));
-    QCOMPARE(row.server->text(), server);
-    QCOMPARE(row.key->text(), key);
-    QVERIFY(window.formatCombo->isEnabled());
-}
-
-void tst_Outputs::closingFinishesTheRecording_data()
-{
-    QTest::addColumn<bool>("confirm");
-    QTest::newRow("the operator confirms") << true;
-    QTest::newRow("the operator keeps recording") << false;
-}
-
-void tst_Outputs::closingFinishesTheRecording()
-{
-    QFETCH(bool, confirm);
-
-    const QString path = folder + QStringLiteral("/closing.webm");
-    QFile::remove(path);
-    StudioWindow window(false);
-    window.show();
-    goOnAirWithToneAndPattern(window);
-    window.startRecording(path);
-    QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 30, 20000);
-
-    answerNextBox(confirm ? QMessageBox::Yes : QMessageBox::No);
-    QCOMPARE(window.close(), confirm);
-    if (!confirm) {
-        const std::uint64_t recorded = window.recording->videoFrames;
-        QTRY_VERIFY(window.recording->videoFrames > recorded + 10); // tick and recording go on
-        return;
+        QVERIFY(row.status->text() == u"Detenido"_s && !window.formatCombo->isEnabled());
+        window.recordButton->click();
+        const double recordedFor = wallClock.elapsed() / 1000.0;
+        QCOMPARE(window.recordButton->text(), u"Finalizando..."_s);
+        QTRY_VERIFY_WITH_TIMEOUT(!window.recording && window.retired.empty(), 20000);
+        QCOMPARE(window.statusLabel->text(), u"Grabación guardada correctamente"_s);
+        QVERIFY(window.formatCombo->isEnabled());
+        server.stop();
+        const auto sent = probeStreams(server.recording(key)), streams = probeStreams(path);
+        QVERIFY(sent.value(u"h264"_s).frames >= int(pushed / 2) && sent.value(u"aac"_s).frames > 0);
+        const int frames = streams.value(u"vp8"_s).frames;
+        QVERIFY(streams.contains(u"vorbis"_s) && frames > 30 && playThrough(path).isEmpty());
+        // The paced clock's timestamps: a period apart at least, never ahead of the wall clock.
+        const double seconds = probeDuration(path);
+        QVERIFY(seconds >= (frames - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3);
+        // The keys appear nowhere but in their fields: the log tells only their length and start.
+        QString texts = QString::fromUtf8(contents(StudioWindow::logPath()));
+        QVERIFY(texts.contains(u"clave: 15 caracteres, empieza \"tick\""_s));
+        for (const QString& setting : QSettings().allKeys())
+            texts += QSettings().value(setting).toString();
+        QVERIFY(!texts.contains(key) && !texts.contains(failingKey));
     }
-    QVERIFY(window.recording->ended);
-    const QString complaints = playThrough(path);
-    QVERIFY2(complaints.isEmpty(), qPrintable(complaints));
-    QVERIFY(probeDuration(path) > 0.9);
+
+    // A refused destination or recording shows why, and changes nothing. Closing while recording asks first;
+    // "yes" finishes the file.
+    void refusedEntryThenClosingWhileRecording()
+    {
+        const QString path = folder + u"/closing.webm"_s;
+        QFile::remove(path);
+        StudioWindow window(false);
+        Destination& row = window.destinations[3];
+        row.server->setText(u"rtmp://127.0.0.1/app?key=abc"_s);
+        row.key->setText(u"k"_s);
+        for (const bool recording : {false, true}) {
+            answerNextBox(QMessageBox::Ok);
+            window.runGuarded([&] { recording ? window.startRecording(u"/no/such/a.webm"_s) : row.button->click(); });
+            const QString badServer = u"Servidor RTMP/RTMPS inválido. Separa la clave del servidor."_s;
+            QCOMPARE(window.statusLabel->text(), recording ? u"No se pudo iniciar salida"_s : badServer);
+            QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
+            QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
+                     u"Iniciar● Grabarrtmp://127.0.0.1/app?key=abck"_s);
+        }
+        window.show();
+        onAir(window);
+        window.startRecording(path);
+        QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 30, 20000);
+        answerNextBox(QMessageBox::Yes);
+        QVERIFY(window.close() && window.recording->ended);
+        QVERIFY(playThrough(path).isEmpty() && probeDuration(path) > 0.9);
+    }
+
+    void killedRecordingIsRepairedAtTheNextStart()
+    {
+        const QString path = folder + u"/service.webm"_s, repaired = folder + u"/service-reparada.webm"_s;
+        QFile::remove(path);
+        QFile::remove(repaired);
+        QProcess studio; // this program again, recording until it is killed
+        QElapsedTimer wall;
+        wall.start();
+        qputenv("VELMORA_RECORD_UNTIL_KILLED", path.toUtf8());
+        studio.start(QCoreApplication::applicationFilePath(), {});
+        qunsetenv("VELMORA_RECORD_UNTIL_KILLED");
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(path).size() > 1500000, 60000);
+        ::kill(pid_t(studio.processId()), SIGKILL);
+        const double wallSeconds = double(wall.elapsed()) / 1000.0;
+        QVERIFY(studio.waitForFinished() && QSettings().value(u"unfinished_recording"_s).toString() == path);
+        const QByteArray original = contents(path);
+        StudioWindow window(false);
+        QTRY_VERIFY_WITH_TIMEOUT(std::ranges::any_of(window.findChildren<QLabel*>(), [&](QLabel* label) {
+            return label->text() == u"Grabación interrumpida reparada: "_s + repaired;
+        }), 60000);
+        QVERIFY(!QSettings().contains(u"unfinished_recording"_s));
+        const double seconds = probeDuration(repaired);
+        QVERIFY(seconds > wallSeconds / 2 && seconds <= wallSeconds + 0.5);
+        // A seek index now: the Cues element, named also by the head's seek table. The original is left as is.
+        const QByteArray cues = QByteArray::fromHex("1c53bb6b");
+        QVERIFY(contents(repaired).count(cues) == 2 && original.count(cues) == 1 && contents(path) == original);
+        QCOMPARE(playThrough(repaired), QString());
+    }
+};
+
+int main(int argc, char** argv)
+{
+    SoundServer::useFolder(folder + u"/runtime"_s); // before the application and GStreamer, for the client library
+    QApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(u"Lorvane"_s);
+    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
+    gst_init(nullptr, nullptr);
+    if (qEnvironmentVariableIsSet("VELMORA_RECORD_UNTIL_KILLED")) {
+        StudioWindow window(false);
+        window.take();
+        window.startRecording(qEnvironmentVariable("VELMORA_RECORD_UNTIL_KILLED"));
+        return QApplication::exec();
+    }
+    tst_Outputs test;
+    return QTest::qExec(&test, argc, argv);
 }
 
-QTEST_MAIN(tst_Outputs)
 #include "tst_outputs.moc"
