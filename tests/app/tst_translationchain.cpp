@@ -1,4 +1,3 @@
-#include "AudioCapture.h"
 #include "Compositor.h"
 #include "MediaProbe.h"
 #include "Output.h"
@@ -10,14 +9,12 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLabel>
 #include <QLineEdit>
 #include <QScopeGuard>
-#include <QSettings>
 #include <QTest>
 #include <QtEndian>
 
@@ -26,8 +23,6 @@
 namespace {
 
 using Request = StandInHttpServer::Request;
-using Response = StandInHttpServer::Response;
-
 const QString runtimeFolder = QStringLiteral(VELMORA_TEST_OUTPUT "/runtime");
 
 // Set before the application object and GStreamer exist, for the sound server's client library.
@@ -36,149 +31,124 @@ const bool environment = [] {
     return useTestHome(VELMORA_TEST_OUTPUT "/home");
 }();
 
-// Twenty seconds of a tone at half of full scale, as the service's speech comes: 24 kHz mono 16-bit.
-QByteArray speechTone()
+// The AI service: the n-th phrase heard is "frase n", its translation "Phrase n", and its voice
+// twenty seconds of a tone at half of full scale (24 kHz mono 16-bit).
+StandInHttpServer::Response serviceAnswer(const Request& request, int& heard)
 {
+    if (request.target.endsWith("audio/transcriptions"))
+        return {200, StandInHttpServer::json({{"text", QStringLiteral("frase %1").arg(++heard)}})};
+    if (request.target.endsWith("responses")) {
+        const QString input = QJsonDocument::fromJson(request.body).object().value("input").toString();
+        const QJsonObject text{{"type", "output_text"}, {"text", "Phrase " + input.section("New text: frase ", 1)}};
+        return {200, StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", QJsonArray{text}}}}}})};
+    }
+    if (!request.target.endsWith("audio/speech"))
+        return {200, "{}"};
     QByteArray pcm(24000 * 20 * 2, Qt::Uninitialized);
     for (int i = 0; i < pcm.size() / 2; ++i)
         qToLittleEndian(qint16(16384 * std::sin(2 * M_PI * 440 * i / 24000.0)), pcm.data() + 2 * i);
-    return pcm;
-}
-
-// The AI service as the chain needs it: the n-th phrase heard is "frase n", its translation "Phrase n".
-Response serviceAnswer(const Request& request, int& heard)
-{
-    if (request.target.endsWith("audio/transcriptions"))
-        return {200, StandInHttpServer::json({{"text", QStringLiteral("frase %1").arg(++heard)}}), false};
-    if (request.target.endsWith("responses")) {
-        const QString input = QJsonDocument::fromJson(request.body).object().value("input").toString();
-        const QString number = input.section(QStringLiteral("New text: frase "), 1);
-        const QJsonObject text{{"type", "output_text"}, {"text", QStringLiteral("Phrase ") + number}};
-        return {200,
-                StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", QJsonArray{text}}}}}}),
-                false};
-    }
-    if (request.target.endsWith("audio/speech"))
-        return {200, speechTone(), false};
-    return {200, "{}", false};
+    return {200, pcm};
 }
 
 } // namespace
 
 // The whole road of a sermon in the real window: spoken Spanish played into a sound server whose
-// monitor is the studio's voice input, phrases cut and sent to a stand-in AI service, captions on
-// the Hall program picture, and the synthetic voice in a real recording.
+// monitor is the voice input, phrases sent to a stand-in AI service, captions on the Hall picture,
+// and the synthetic voice in a real recording.
 class tst_TranslationChain : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void speechToCaptionsAndVoice();
+    void speechToCaptionsAndVoice()
+    {
+        QVERIFY(environment);
+        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
+        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
+        SoundServer soundServer{runtimeFolder};
+        QVERIFY(soundServer.clearFolder());
+        const QString failure = soundServer.start();
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        gst_init(nullptr, nullptr);
 
-private:
-    SoundServer soundServer{runtimeFolder};
-    QString speechPath;
-};
+        // Three sentences with pauses of 1.5 s between them, at the sound server's rate.
+        const QString spoken = QStringLiteral(VELMORA_TEST_OUTPUT "/spoken.wav");
+        const QString speech = QStringLiteral(VELMORA_TEST_OUTPUT "/speech.wav");
+        int exitCode = -1;
+        const QString said = runTool("espeak-ng", {"-v", "es", "-m", "-w", spoken,
+                                                   "<speak>Buenos días, hermanos y hermanas.<break time=\"1500ms\"/>"
+                                                   "Abramos juntos la Biblia.<break time=\"1500ms\"/>"
+                                                   "Hoy leemos el evangelio de Juan.</speak>"}, &exitCode);
+        QVERIFY2(exitCode == 0, qPrintable(said));
+        const QString converted =
+            runTool("sox", {spoken, "-r", "48000", "-c", "2", "-b", "16", speech, "pad", "1", "2"}, &exitCode);
+        QVERIFY2(exitCode == 0, qPrintable(converted));
 
-void tst_TranslationChain::initTestCase()
-{
-    QVERIFY(environment);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-    QVERIFY(soundServer.clearFolder());
-    const QString failure = soundServer.start();
-    QVERIFY2(failure.isEmpty(), qPrintable(failure));
-    gst_init(nullptr, nullptr);
+        StandInHttpServer service;
+        QVERIFY(service.listen());
+        int heard = 0;
+        service.answer = [&heard](const Request& request) { return serviceAnswer(request, heard); };
+        QSettings settings;
+        settings.clear();
+        settings.setValue(QStringLiteral("onboarding_complete"), true);
+        settings.setValue(QStringLiteral("openai_endpoint"), service.endpoint());
+        settings.sync();
 
-    // Three sentences with pauses of 1.5 s between them, at the sound server's rate.
-    const QString spoken = QStringLiteral(VELMORA_TEST_OUTPUT "/spoken.wav");
-    speechPath = QStringLiteral(VELMORA_TEST_OUTPUT "/speech.wav");
-    int exitCode = -1;
-    const QString said =
-        runTool(QStringLiteral("espeak-ng"),
-                {"-v", "es", "-m", "-w", spoken,
-                 "<speak>Buenos días, hermanos y hermanas.<break time=\"1500ms\"/>Abramos juntos la "
-                 "Biblia.<break time=\"1500ms\"/>Hoy leemos el evangelio de Juan.</speak>"},
-                &exitCode);
-    QVERIFY2(exitCode == 0, qPrintable(said));
-    const QString converted =
-        runTool(QStringLiteral("sox"),
-                {spoken, "-r", "48000", "-c", "2", "-b", "16", speechPath, "pad", "1", "2"}, &exitCode);
-    QVERIFY2(exitCode == 0, qPrintable(converted));
-}
+        StudioWindow window(false);
+        QStringList delivered;
+        window.translation.caption = [&delivered, shown = window.translation.caption](const QString& text) {
+            delivered << text;
+            shown(text);
+        };
+        window.audioCombo->setCurrentIndex(window.audioCombo->findText(QStringLiteral("Monitor of Null Output")));
+        window.connectSources();
+        QVERIFY(window.capture);
+        window.aiKeyField->setText(QStringLiteral("sk-chain-secret"));
+        window.voiceCheck->setChecked(true);
+        QVERIFY(soundServer.play(speech));
+        const auto stopPlayer = qScopeGuard([&soundServer] { soundServer.stopPlaying(); });
+        window.translateButton->click();
+        QVERIFY(window.translation.running);
 
-void tst_TranslationChain::speechToCaptionsAndVoice()
-{
-    StandInHttpServer service;
-    QVERIFY(service.listen());
-    int heard = 0;
-    service.answer = [&heard](const Request& request) { return serviceAnswer(request, heard); };
-    QSettings settings;
-    settings.clear();
-    settings.setValue(QStringLiteral("onboarding_complete"), true);
-    settings.setValue(QStringLiteral("openai_endpoint"), service.endpoint());
-    settings.sync();
-
-    StudioWindow window(false);
-    QStringList delivered;
-    window.translation.caption = [&delivered, shown = window.translation.caption](const QString& text) {
-        delivered << text;
-        shown(text);
-    };
-    window.audioCombo->setCurrentIndex(window.audioCombo->findText(QStringLiteral("Monitor of Null Output")));
-    for (QPushButton* each : window.findChildren<QPushButton*>())
-        if (each->text() == QStringLiteral("Conectar fuentes"))
-            each->click();
-    QVERIFY(window.capture);
-    window.aiKeyField->setText(QStringLiteral("sk-chain-secret"));
-    window.voiceCheck->setChecked(true);
-
-    QVERIFY(soundServer.play(speechPath));
-    const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
-    window.translateButton->click();
-    QVERIFY(window.translation.running);
-
-    // Each phrase reaches the hall picture as its own line, in the order spoken.
-    Compositor reference;
-    const QStringList expected{QStringLiteral("Phrase 1"), QStringLiteral("Phrase 2"),
-                               QStringLiteral("Phrase 3")};
-    for (qsizetype count = 1; count <= expected.size(); ++count) {
-        const QStringList phrases = expected.mid(0, count);
-        const QImage picture =
-            reference.compose(window.hallProgram, QString(), false, window.hallWidth, window.hallHeight, true,
-                              false, {true, phrases.join(u'\n'), phrases, QStringLiteral("\n")}, nullptr);
-        QTRY_VERIFY_WITH_TIMEOUT(window.hallMonitor->image == picture, 20000);
-    }
-    QCOMPARE(delivered, expected);
-    QCOMPARE(window.heardLabel->text(), QStringLiteral("Escuchado: frase 3"));
-
-    // Every caption was spoken, in PCM.
-    const auto spoken = [&service] {
-        QStringList inputs;
-        for (const Request& request : service.requests) {
-            const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-            if (request.target.endsWith("audio/speech") &&
-                body.value("response_format") == QLatin1String("pcm"))
-                inputs << body.value("input").toString();
+        // Each phrase reaches the hall picture as its own line, in the order spoken.
+        Compositor reference;
+        const QStringList expected{"Phrase 1", "Phrase 2", "Phrase 3"};
+        for (qsizetype count = 1; count <= expected.size(); ++count) {
+            const QStringList phrases = expected.mid(0, count);
+            const QImage picture = reference.compose(window.hallProgram, QString(), false, window.hallWidth,
+                                                     window.hallHeight, true, false,
+                                                     {true, phrases.join(u'\n'), phrases, "\n"}, nullptr);
+            QTRY_VERIFY_WITH_TIMEOUT(window.hallMonitor->image == picture, 20000);
         }
-        return inputs;
-    };
-    QTRY_COMPARE(spoken(), expected);
+        QCOMPARE(delivered, expected);
+        QCOMPARE(window.heardLabel->text(), QStringLiteral("Escuchado: frase 3"));
 
-    // The room falls silent; the last phrase's voice goes on into the recording.
-    soundServer.stopPlaying();
-    QTRY_VERIFY(!window.voiceAudio.empty());
-    const QString path = QStringLiteral(VELMORA_TEST_OUTPUT "/voice.webm");
-    QFile::remove(path);
-    window.startRecording(path);
-    QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 60, 20000);
-    window.recordButton->click();
-    QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
-    // A tone at half of full scale is about -9 dB; silence would be below -90 dB.
-    const double loudness = meanVolumeDb(path);
-    QVERIFY2(loudness > -20.0, qPrintable(QString::number(loudness)));
-}
+        // Every caption was spoken, in PCM.
+        const auto voiced = [&service] {
+            QStringList inputs;
+            for (const Request& request : service.requests) {
+                const QJsonObject body = QJsonDocument::fromJson(request.body).object();
+                if (request.target.endsWith("audio/speech") && body.value("response_format") == QLatin1String("pcm"))
+                    inputs << body.value("input").toString();
+            }
+            return inputs;
+        };
+        QTRY_COMPARE(voiced(), expected);
+
+        // The room falls silent; the last phrase's voice goes on into the recording.
+        soundServer.stopPlaying();
+        QTRY_VERIFY(!window.voiceAudio.empty());
+        const QString path = QStringLiteral(VELMORA_TEST_OUTPUT "/voice.webm");
+        QFile::remove(path);
+        window.startRecording(path);
+        QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 60, 20000);
+        window.recordButton->click();
+        QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
+        // A tone at half of full scale is about -9 dB; silence would be below -90 dB.
+        const double loudness = meanVolumeDb(path);
+        QVERIFY2(loudness > -20.0, qPrintable(QString::number(loudness)));
+    }
+};
 
 QTEST_MAIN(tst_TranslationChain)
 #include "tst_translationchain.moc"
