@@ -52,7 +52,18 @@ std::pair<int, int> firstAndLastLine(const QImage& picture)
             *std::max_element(peaks.cend() - span, peaks.cend())};
 }
 
+// The secret "openai" before the press of Start and after, the key typed, the box to keep it, the status.
+struct Start
+{
+    bool voiceInput;
+    QString stored, typed;
+    bool save;
+    QString shown, storedAfter;
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(Start)
 
 // The translation panel of a real window, its captions on the Hall picture, the AI service on loopback.
 class tst_TranslationPanel : public QObject
@@ -126,30 +137,19 @@ private Q_SLOTS:
 
     void startButton_data()
     {
-        QTest::addColumn<bool>("voiceInput");
-        QTest::addColumn<QString>("stored"); // the secret "openai" before the press
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<bool>("save");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QString>("storedAfter");
+        QTest::addColumn<Start>("row");
         const QString started = u"IA: IA activa; conectando modo en vivo..."_s;
-        QTest::newRow("no voice input") << false << "" << aiKey << true
-                                        << "Conecta una entrada de voz antes de iniciar IA" << "";
-        QTest::newRow("typed key, saved") << true << "" << aiKey << true << started << aiKey;
-        QTest::newRow("typed key, not saved") << true << "" << aiKey << false << started << "";
-        QTest::newRow("empty field takes the stored key") << true << aiKey << "" << false << started << aiKey;
-        QTest::newRow("field cleared, box on: key deleted") << true << aiKey << "" << true << "Ingresa tu API key"
-                                                            << "";
+        QTest::newRow("no voice input")
+            << Start{false, "", aiKey, true, "Conecta una entrada de voz antes de iniciar IA", ""};
+        QTest::newRow("typed key, saved") << Start{true, "", aiKey, true, started, aiKey};
+        QTest::newRow("typed key, not saved") << Start{true, "", aiKey, false, started, ""};
+        QTest::newRow("empty field takes the stored key") << Start{true, aiKey, "", false, started, aiKey};
+        QTest::newRow("field cleared, box on: key deleted") << Start{true, aiKey, "", true, "Ingresa tu API key", ""};
     }
-
     void startButton()
     {
-        QFETCH(bool, voiceInput);
-        QFETCH(QString, stored);
-        QFETCH(QString, typed);
-        QFETCH(bool, save);
-        QFETCH(QString, shown);
-        QFETCH(QString, storedAfter);
+        QFETCH(Start, row);
+        const auto& [voiceInput, stored, typed, save, shown, storedAfter] = row;
         QVERIFY(stored.isEmpty() || storeSecret(u"openai"_s, stored));
         open();
         QCOMPARE(window->aiKeyField->text(), stored); // a stored key is in the field, the box checked
@@ -199,7 +199,6 @@ private Q_SLOTS:
         QTest::newRow("running, F1") << true << int(Qt::Key_F1) << "Spanish";
         QTest::newRow("running, button to English") << true << 0 << "English";
     }
-
     // A running session starts afresh in the new direction; an idle one is only set.
     void direction()
     {
@@ -234,23 +233,30 @@ private Q_SLOTS:
         QVERIFY(!running || window->translation.sourceLanguage == source);
     }
 
-    void captionsOnTheHall_data()
+    void captions_data()
     {
         QTest::addColumn<int>("separator");
         QTest::addColumn<int>("count");
-        QTest::addColumn<bool>("newestHighlighted");
-        QTest::newRow("one phrase") << 1 << 1 << false;
-        QTest::newRow("each on its line") << 1 << 3 << true;
-        QTest::newRow("blank row between") << 2 << 3 << true;
-        QTest::newRow("one after the other") << 0 << 3 << false;
+        QTest::addColumn<QString>("act"); // after the phrases
+        QTest::addColumn<bool>("kept");
+        QTest::addColumn<int>("shown"); // 0: nothing, 1: all lines bright, 2: the newest alone bright
+        QTest::newRow("one phrase") << 1 << 1 << "" << true << 1;
+        QTest::newRow("each on its line") << 1 << 3 << "" << true << 2;
+        QTest::newRow("blank row between") << 2 << 3 << "" << true << 2;
+        QTest::newRow("one after the other") << 0 << 3 << "" << true << 1;
+        QTest::newRow("39 s after the last phrase") << 1 << 2 << "39" << true << 2;
+        QTest::newRow("40 s after the last phrase") << 1 << 2 << "40" << false << 0;
+        QTest::newRow("screen cleared") << 1 << 2 << "clear" << false << 0;
+        QTest::newRow("subtitles hidden") << 1 << 2 << "hide" << true << 0;
     }
-
     // Changing the separator joins the phrases on screen anew, without a new phrase.
-    void captionsOnTheHall()
+    void captions()
     {
         QFETCH(int, separator);
         QFETCH(int, count);
-        QFETCH(bool, newestHighlighted);
+        QFETCH(QString, act);
+        QFETCH(bool, kept);
+        QFETCH(int, shown);
         open();
         QCOMPARE(firstAndLastLine(hallPicture()), std::make_pair(-1, -1));
         for (int i = 0; i < count; ++i)
@@ -258,47 +264,21 @@ private Q_SLOTS:
         window->translation.caption(u"  "_s);
         window->separatorCombo->setCurrentIndex(separator);
         QCOMPARE(QSettings().value(u"caption_separator"_s, 1).toInt(), separator);
-        QCOMPARE(window->captions, phrases.mid(0, count));
-        QCOMPARE(window->captionText, phrases.mid(0, count).join(window->captionSeparator()));
-        const QImage picture = hallPicture();
-        const auto [first, last] = firstAndLastLine(picture);
-        QVERIFY2(last >= 230 && (newestHighlighted ? first < 200 : first >= 230),
-                 qPrintable(u"%1 %2"_s.arg(first).arg(last)));
-        if (separator == 1 && count == 3) // the picture of the user guide
-            QVERIFY(picture.scaled(960, 540, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
-                        .save(QStringLiteral(VELMORA_TEST_OUTPUT "/translation-hall.png")));
-    }
-
-    void captionsLeave_data()
-    {
-        QTest::addColumn<QString>("act");
-        QTest::addColumn<bool>("kept");
-        QTest::addColumn<bool>("shown");
-        QTest::newRow("39 s after the last phrase") << "39" << true << true;
-        QTest::newRow("40 s after the last phrase") << "40" << false << false;
-        QTest::newRow("screen cleared") << "clear" << false << false;
-        QTest::newRow("subtitles hidden") << "hide" << true << false;
-    }
-
-    void captionsLeave()
-    {
-        QFETCH(QString, act);
-        QFETCH(bool, kept);
-        QFETCH(bool, shown);
-        open();
-        window->translation.caption(phrases[0]);
-        window->translation.caption(phrases[1]);
-        QVERIFY(firstAndLastLine(hallPicture()).second >= 230);
         if (act == "clear"_L1)
             press(u"Limpiar pantalla de subtítulos"_s);
         else if (act == "hide"_L1)
             window->showCaptionsCheck->click();
-        else
+        else if (!act.isEmpty())
             window->lastCaptionMs -= act.toInt() * 1000 + (act == "40"_L1);
         const QImage picture = hallPicture();
-        QCOMPARE(window->captions.size(), kept ? 2 : 0);
-        QCOMPARE(window->captionText.isEmpty(), !kept);
-        QCOMPARE(firstAndLastLine(picture).first != -1, shown);
+        QCOMPARE(window->captions, kept ? phrases.mid(0, count) : QStringList());
+        QCOMPARE(window->captionText, kept ? phrases.mid(0, count).join(window->captionSeparator()) : QString());
+        const auto [first, last] = firstAndLastLine(picture);
+        QVERIFY2(shown ? last >= 230 && (shown == 2 ? first < 200 : first >= 230) : first == -1,
+                 qPrintable(u"%1 %2"_s.arg(first).arg(last)));
+        if (separator == 1 && count == 3) // the picture of the user guide
+            QVERIFY(picture.scaled(960, 540, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                        .save(QStringLiteral(VELMORA_TEST_OUTPUT "/translation-hall.png")));
     }
 
     void statusReports_data()
@@ -313,7 +293,6 @@ private Q_SLOTS:
         // A refused key reports while the session still counts as running, and ends it right after.
         QTest::newRow("refused key") << "fatal" << "Transcripcion: API key o permisos no validos." << false;
     }
-
     void statusReports()
     {
         QFETCH(QString, event);
@@ -368,7 +347,6 @@ private Q_SLOTS:
         QTest::newRow("refused") << aiKey << "" << 401 << "^API con error HTTP 401: Incorrect API key provided\\.$";
         QTest::newRow("no key") << "" << "" << 0 << "^Ingresa tu API key$";
     }
-
     // The key is tried without a session.
     void keyTest()
     {

@@ -185,7 +185,6 @@ private Q_SLOTS:
         QTest::newRow("book without chapter, button") << "Juan" << "button" << unknown;
         QTest::newRow("no such chapter, panel") << "Juan 99:1" << "panel" << missing;
     }
-
     // The layer and the typed text stay; only Return in the quick box spares the warning box.
     void badReferenceLeavesTheLayer()
     {
@@ -239,7 +238,6 @@ private Q_SLOTS:
         QTest::newRow("API.Bible failing, English")
             << Online{rvr60, bibleKey, "", 502, {}, "RV1909", "API.Bible: no response (HTTP 502) · RV1909 is kept"};
     }
-
     // The built-in text is on the layer while the service is asked, and stays when it fails.
     void onlineText()
     {
@@ -275,7 +273,6 @@ private Q_SLOTS:
         QTest::newRow("layer deleted") << false;
         QTest::newRow("a text layer in its place") << true;
     }
-
     void lateReplyForAGoneLayerIsPassedOver()
     {
         QFETCH(bool, textInItsPlace);
@@ -314,7 +311,6 @@ private Q_SLOTS:
         QTest::newRow("from the secret store") << "" << true << false << 200 << listed;
         QTest::newRow("key refused") << bibleKey << false << false << 401 << keyRefused;
     }
-
     // A listing replaces the old entry and picks the first of two 1960 Bibles; a failure keeps the old
     // entry. The key is kept in the secret store only when asked to.
     void listing()
