@@ -188,49 +188,41 @@ private Q_SLOTS:
         QVERIFY(window->captions.isEmpty() && window->captionText.isEmpty() && window->voiceAudio.empty());
     }
 
-    void direction_data()
-    {
-        QTest::addColumn<bool>("running");
-        QTest::addColumn<int>("key"); // a shortcut, or 0 for the direction button
-        QTest::addColumn<QString>("target");
-        QTest::newRow("idle, F1") << false << int(Qt::Key_F1) << "Spanish";
-        QTest::newRow("idle, F2") << false << int(Qt::Key_F2) << "English";
-        QTest::newRow("idle, button to Spanish") << false << 0 << "Spanish";
-        QTest::newRow("running, F1") << true << int(Qt::Key_F1) << "Spanish";
-        QTest::newRow("running, button to English") << true << 0 << "English";
-    }
-    // A running session starts afresh in the new direction; an idle one is only set.
+    // F1, F2 and the direction buttons set the direction; a running session starts afresh in it.
     void direction()
     {
-        QFETCH(bool, running);
-        QFETCH(int, key);
-        QFETCH(QString, target);
-        const bool spanish = target == "Spanish"_L1;
-        const QString source = spanish ? u"en"_s : u"es"_s;
         open();
-        window->targetCombo->setEditText(u"Tagalog"_s);
-        if (running) {
-            startSession();
-            QTRY_COMPARE(standIn->requests.size(), 1);
-            window->translation.caption(phrases[0]);
-        }
-        const std::int32_t session = window->translation.generation;
-        if (key)
-            QTest::keyClick(window.get(), Qt::Key(key));
-        else
-            press(spanish ? u"Predica en INGLÉS → pantallas en español"_s
-                          : u"Predica en ESPAÑOL → pantallas en inglés"_s);
-        QCOMPARE(status(), spanish ? u"Pantallas en español."_s : u"Pantallas en inglés."_s);
-        QCOMPARE(window->targetCombo->currentText(), target);
-        QCOMPARE(window->sourceLanguage, source);
-        QCOMPARE(QSettings().value(u"translation_target"_s).toString(), target);
-        QCOMPARE(QSettings().value(u"source_language"_s).toString(), source);
-        QCOMPARE(window->translation.running, running);
-        QCOMPARE(window->translation.generation > session, running);
-        QCOMPARE(window->captions.isEmpty(), true);
-        QTRY_COMPARE(standIn->requests.size(), running ? 2 : 0);
-        QVERIFY(!running || window->translation.targetLanguage == target);
-        QVERIFY(!running || window->translation.sourceLanguage == source);
+        const auto turn = [this](int key, const QString& target) { // a shortcut, or 0 for the button
+            const bool spanish = target == "Spanish"_L1, running = window->translation.running;
+            const QString source = spanish ? u"en"_s : u"es"_s;
+            const std::int32_t session = window->translation.generation;
+            const qsizetype asked = standIn->requests.size();
+            if (running)
+                window->translation.caption(phrases[0]);
+            if (!key)
+                press(spanish ? u"Predica en INGLÉS → pantallas en español"_s
+                              : u"Predica en ESPAÑOL → pantallas en inglés"_s);
+            else
+                QTest::keyClick(window.get(), Qt::Key(key));
+            QCOMPARE(status(), spanish ? u"Pantallas en español."_s : u"Pantallas en inglés."_s);
+            QCOMPARE(window->targetCombo->currentText(), target);
+            QCOMPARE(window->sourceLanguage, source);
+            QCOMPARE(QSettings().value(u"translation_target"_s).toString(), target);
+            QCOMPARE(QSettings().value(u"source_language"_s).toString(), source);
+            QCOMPARE(window->translation.running, running);
+            QCOMPARE(window->translation.generation > session, running);
+            QVERIFY(window->captions.isEmpty());
+            QTRY_COMPARE(standIn->requests.size(), asked + running);
+            QVERIFY(!running || window->translation.targetLanguage == target);
+            QVERIFY(!running || window->translation.sourceLanguage == source);
+        };
+        turn(Qt::Key_F1, u"Spanish"_s);
+        turn(Qt::Key_F2, u"English"_s);
+        turn(0, u"Spanish"_s);
+        startSession();
+        QTRY_COMPARE(standIn->requests.size(), 1);
+        turn(0, u"English"_s);
+        turn(Qt::Key_F1, u"Spanish"_s);
     }
 
     void captions_data()
@@ -335,41 +327,35 @@ private Q_SLOTS:
         }
     }
 
-    void keyTest_data()
-    {
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<int>("httpStatus");
-        QTest::addColumn<QString>("shown"); // a pattern
-        const QString answered = u"^API OK: respondió en \\d+ ms\\. La traducción está lista para usarse\\.$"_s;
-        QTest::newRow("typed key answered") << aiKey << "" << 200 << answered;
-        QTest::newRow("stored key answered") << "" << aiKey << 200 << answered;
-        QTest::newRow("refused") << aiKey << "" << 401 << "^API con error HTTP 401: Incorrect API key provided\\.$";
-        QTest::newRow("no key") << "" << "" << 0 << "^Ingresa tu API key$";
-    }
-    // The key is tried without a session.
+    // The key is tried without a session: from the field, else from the store.
     void keyTest()
     {
-        QFETCH(QString, typed);
-        QFETCH(QString, stored);
-        QFETCH(int, httpStatus);
-        QFETCH(QString, shown);
-        QVERIFY(stored.isEmpty() || storeSecret(u"openai"_s, stored));
         open();
-        standIn->answer = [httpStatus](const StandInHttpServer::Request&) {
-            return Response{httpStatus, httpStatus == 200
-                                            ? answer("OK")
-                                            : R"({"error":{"message":"Incorrect API key provided."}})"};
+        int code = 401;
+        standIn->answer = [&code](const auto&) {
+            return Response{code, code == 200 ? answer("OK")
+                                              : R"({"error":{"message":"Incorrect API key provided."}})"};
         };
-        window->aiKeyField->setText(typed);
-        press(u"Probar API key ahora"_s);
-        if (httpStatus)
-            QCOMPARE(status(), u"Probando la API de OpenAI..."_s);
-        QTRY_VERIFY2(QRegularExpression(shown).match(status()).hasMatch(), qPrintable(status()));
+        const auto tried = [this](const QString& shown) {
+            press(u"Probar API key ahora"_s);
+            QTRY_VERIFY2(QRegularExpression(shown).match(status()).hasMatch(), qPrintable(status()));
+        };
+        tried(u"^Ingresa tu API key$"_s);
+        QVERIFY(standIn->requests.isEmpty());
+        window->aiKeyField->setText(aiKey);
+        tried(u"^Probando la API de OpenAI\\.\\.\\.$"_s);
+        QTRY_COMPARE(status(), u"API con error HTTP 401: Incorrect API key provided."_s);
+        code = 200;
+        const QString answered = u"^API OK: respondió en \\d+ ms\\. La traducción está lista para usarse\\.$"_s;
+        tried(answered);
+        QCOMPARE(readSecretFile(u"openai"_s), QString()); // trying a key does not keep it
+        QVERIFY(storeSecret(u"openai"_s, aiKey));
+        window->aiKeyField->clear();
+        tried(answered);
+        QCOMPARE(standIn->requests.size(), 3);
+        for (const auto& request : std::as_const(standIn->requests))
+            QCOMPARE(request.headers.value("authorization"), "Bearer " + aiKey.toUtf8());
         QVERIFY(!window->translation.running);
-        QCOMPARE(standIn->requests.size(), httpStatus ? 1 : 0);
-        QCOMPARE(readSecretFile(u"openai"_s), stored);
-        QVERIFY(!httpStatus || standIn->requests[0].headers.value("authorization") == "Bearer " + aiKey.toUtf8());
     }
 
     // The live route: partial text only on the Heard line, a finished turn on the screens, and phrases
