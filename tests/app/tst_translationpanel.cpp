@@ -273,58 +273,48 @@ private Q_SLOTS:
                         .save(QStringLiteral(VELMORA_TEST_OUTPUT "/translation-hall.png")));
     }
 
-    void statusReports_data()
-    {
-        QTest::addColumn<QString>("event");
-        QTest::addColumn<QString>("report");
-        QTest::addColumn<bool>("sessionEnded"); // by itself: button back, screens empty
-        QTest::newRow("report of a running session")
-            << "report" << "Subtítulo actualizado · 1.2 s después de la frase" << false;
-        QTest::newRow("three hours reached")
-            << "limit" << "IA pausada tras 3 horas; inicia otra sesion si corresponde." << true;
-        // A refused key reports while the session still counts as running, and ends it right after.
-        QTest::newRow("refused key") << "fatal" << "Transcripcion: API key o permisos no validos." << false;
-    }
+    // Reports reach the AI line, the status line and the log. A session that ends by itself (three hours)
+    // empties the screens and the voice; after any end the button starts afresh.
     void statusReports()
     {
-        QFETCH(QString, event);
-        QFETCH(QString, report);
-        QFETCH(bool, sessionEnded);
         open();
-        standIn->answer = [](const StandInHttpServer::Request& request) {
-            if (request.target.endsWith("audio/transcriptions"))
-                return Response{401, R"({"error":{"message":"Incorrect API key provided."}})"};
-            return Response{200, "{}"};
+        standIn->answer = [](const auto& request) {
+            return request.target.endsWith("audio/transcriptions")
+                       ? Response{401, R"({"error":{"message":"Incorrect API key provided."}})"}
+                       : Response{200, "{}"};
         };
         startSession();
-        window->translation.caption(phrases[0]);
-        window->translation.voiceAudio(QByteArray(4800, '\x10'));
-        if (event == "report"_L1) {
-            window->translation.statusChanged(report);
-        } else if (event == "limit"_L1) {
-            window->translation.nowMs = [start = window->translation.sessionStart] {
-                return start + Translation::sessionLimitMs + 1;
-            };
-            tavrin::AudioBlock block;
-            block.samples.assign(3200, 0.0f);
-            window->translation.feed(block);
-        } else {
-            window->translation.segments.push_back({0, translation_text::wavFile(std::vector<std::int16_t>(16000))});
-            window->translation.pump();
-            QTRY_VERIFY(!window->translation.running);
-        }
-        QCOMPARE(window->aiStatusLabel->text(), report);
-        QCOMPARE(status(), u"IA: "_s + report);
-        QFile log(StudioWindow::logPath());
-        QVERIFY(log.open(QIODevice::ReadOnly) && QString::fromUtf8(log.readAll()).contains(status() + u'\n'));
-        QCOMPARE(window->translateButton->text(), sessionEnded ? u"Iniciar traducción"_s : u"Pausar traducción"_s);
-        QCOMPARE(window->captions.isEmpty(), sessionEnded);
-        QCOMPARE(window->voiceAudio.empty(), sessionEnded);
-        if (!window->translation.running) { // the button follows the engine: after any end a press starts afresh
-            press(window->translateButton->text());
+        const auto reported = [this](const QString& report, bool ended) {
+            QCOMPARE(window->aiStatusLabel->text(), report);
+            QCOMPARE(status(), u"IA: "_s + report);
+            QFile log(StudioWindow::logPath());
+            QVERIFY(log.open(QIODevice::ReadOnly) && QString::fromUtf8(log.readAll()).contains(status() + u'\n'));
+            QCOMPARE(window->translateButton->text(), ended ? u"Iniciar traducción"_s : u"Pausar traducción"_s);
+            QCOMPARE(window->captions.isEmpty(), ended);
+            QCOMPARE(window->voiceAudio.empty(), ended);
+            if (!window->translation.running)
+                press(window->translateButton->text());
             QVERIFY(window->translation.running);
             QCOMPARE(window->translateButton->text(), u"Pausar traducción"_s);
-        }
+            window->translation.caption(phrases[0]);
+            window->translation.voiceAudio(QByteArray(4800, '\x10'));
+        };
+        window->translation.caption(phrases[0]);
+        window->translation.voiceAudio(QByteArray(4800, '\x10'));
+        window->translation.statusChanged(u"Subtítulo actualizado · 1.2 s después de la frase"_s);
+        reported(u"Subtítulo actualizado · 1.2 s después de la frase"_s, false);
+        // A refused key reports while the session still counts as running, and ends it right after.
+        window->translation.segments.push_back({0, translation_text::wavFile(std::vector<std::int16_t>(16000))});
+        window->translation.pump();
+        QTRY_VERIFY(!window->translation.running);
+        reported(u"Transcripcion: API key o permisos no validos."_s, false);
+        window->translation.nowMs = [start = window->translation.sessionStart] {
+            return start + Translation::sessionLimitMs + 1;
+        };
+        tavrin::AudioBlock block;
+        block.samples.assign(3200, 0.0f);
+        window->translation.feed(block);
+        reported(u"IA pausada tras 3 horas; inicia otra sesion si corresponde."_s, true);
     }
 
     // The key is tried without a session: from the field, else from the store.
