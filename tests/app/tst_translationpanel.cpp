@@ -10,6 +10,8 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLabel>
 #include <QLineEdit>
 #include <QRegularExpression>
@@ -345,6 +347,10 @@ private Q_SLOTS:
         QCOMPARE(standIn->requests.size(), 3);
         for (const auto& request : std::as_const(standIn->requests))
             QCOMPARE(request.headers.value("authorization"), "Bearer " + aiKey.toUtf8());
+        QCOMPARE(standIn->requests[0].target, "/v1/responses");
+        QCOMPARE(QJsonDocument::fromJson(standIn->requests[0].body).object(),
+                 QJsonObject({{"model", "gpt-4.1-mini"}, {"input", "Responde solo: OK"}, {"max_output_tokens", 16},
+                              {"store", false}}));
         QVERIFY(!window->translation.running);
     }
 

@@ -14,6 +14,7 @@
 #include <QJsonArray>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QMessageBox>
 #include <QTest>
 
@@ -149,6 +150,7 @@ private Q_SLOTS:
         QCOMPARE(layer(1).reference, u"Salmos 23 · RV1909"_s);
         QVERIFY(layer(1).text.startsWith(u"1 "_s + verse(18, 23, 1)));
         QVERIFY(layer(1).text.endsWith(u" 6 "_s + verse(18, 23, 6)));
+        QCOMPARE(window->layerList->currentItem()->text(), u"Salmos 23"_s);
         Layer text{Layer::Kind::Text};
         window->addLayer(text); // a text layer in front is passed over
         type(window->quickVerseField, u"Juan 3:16"_s);
@@ -255,12 +257,18 @@ private Q_SLOTS:
         }
         QCOMPARE(status(), translating ? T("Traduciendo versículo...") : T("Consultando API.Bible..."));
         QTRY_COMPARE(standIn->requests.size(), 1);
-        QVERIFY(QByteArrayList(standIn->requests.first().headers.values()).join().contains(key.toUtf8()));
+        const StandInHttpServer::Request& sent = standIn->requests.first();
+        QVERIFY(QByteArrayList(sent.headers.values()).join().contains(key.toUtf8()));
+        if (translating) // the Spanish text, to be put into the subtitles' language
+            QVERIFY(sent.body.contains(" into français.") && sent.body.contains(verse(42, 3, 16).toUtf8()));
+        else
+            QVERIFY(sent.target.startsWith("/v1/bibles/" + rv1960.toLatin1() + "/passages/JHN.3.16?"));
         standIn->release();
         QTRY_COMPARE(status(), row.message);
         QCOMPARE(layer(1).reference, u"Juan 3:16 · "_s + row.label);
         const QString online = translating ? u"Car Dieu a tant aimé"_s : u"Porque de tal manera amó Dios"_s;
         QCOMPARE(layer(1).text, row.label == "RV1909"_L1 ? verse(42, 3, 16) : online);
+        QCOMPARE(window->layerList->currentItem()->text(), u"Juan 3:16"_s);
     }
 
     void lateReplyForAGoneLayerIsPassedOver_data()
