@@ -37,16 +37,14 @@ QByteArray answer(const QByteArray& text)
 // phrases are drawn dimmed, the newest in full white, on the hall's dark blue.
 std::pair<int, int> firstAndLastLine(const QImage& picture)
 {
-    QList<int> peaks;
+    QList<int> peaks; // of the rows with text
     for (int y = 0; y < picture.height(); ++y) {
         int peak = 0;
         for (int x = 0; x < picture.width(); ++x)
             peak = std::max(peak, qRed(picture.pixel(x, y)));
-        if (peak > 100 || !peaks.isEmpty())
+        if (peak > 100)
             peaks << peak;
     }
-    while (!peaks.isEmpty() && peaks.last() <= 100)
-        peaks.removeLast();
     if (peaks.isEmpty())
         return {-1, -1};
     const qsizetype span = std::min<qsizetype>(20, peaks.size());
