@@ -233,8 +233,12 @@ private Q_SLOTS:
                                                   "No se pudo traducir el versículo (revisa la API key de OpenAI)"};
         // Failures made in Spanish by the clients reach the English interface translated.
         rvr60.insert(u"language"_s, u"en"_s);
+        french.insert(u"language"_s, u"en"_s);
         QTest::newRow("API.Bible failing, English")
             << Online{rvr60, bibleKey, "", 502, {}, "RV1909", "API.Bible: no response (HTTP 502) · RV1909 is kept"};
+        QTest::newRow("AI key refused, English")
+            << Online{french, "", "openai", 401, refused, "RV1909",
+                      "The verse could not be translated (check the OpenAI API key)"};
     }
     // The built-in text is on the layer while the service is asked, and stays when it fails.
     void onlineText()
