@@ -23,7 +23,6 @@ bool whenStarted(const std::function<void(QWidget*)>& step)
     QTimer::singleShot(0, [&] { step(QApplication::activeModalWidget()), ran = true; });
     return QTest::qWaitFor([&] { return ran; });
 }
-bool onboarded() { return QSettings().value(u"onboarding_complete"_s).toBool(); }
 // The Spanish texts with an English one of their own still shown by a widget's labels, buttons and tabs.
 QStringList spanishIn(const QWidget* root)
 {
@@ -34,7 +33,7 @@ QStringList spanishIn(const QWidget* root)
         for (int index = 0; index < bar->count(); ++index)
             texts << bar->tabText(index);
     for (auto row = tavrin_i18n::english().cbegin(); row != tavrin_i18n::english().cend(); ++row)
-        if (row.key() != row.value() && texts.contains(row.key()))
+        if (row.key() != row.value() && !texts.filter(row.key()).isEmpty())
             found << row.key();
     return found;
 }
@@ -77,10 +76,6 @@ private Q_SLOTS:
         }
         const QString secrets = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation) + "/secrets.json";
         QVERIFY(!refused || QDir().mkpath(secrets));
-        {
-            StudioWindow selfTest(true); // never meets the wizard
-            QVERIFY(whenStarted([](QWidget* modal) { QVERIFY(!modal); }));
-        }
         auto window = std::make_unique<StudioWindow>(false);
         QVERIFY(whenStarted([&](QWidget* modal) {
             auto* wizard = qobject_cast<QWizard*>(modal);
@@ -103,14 +98,13 @@ private Q_SLOTS:
         QCOMPARE(readSecretFile(u"openai"_s), stored);
         QVERIFY(refused || QFile::remove(secrets) || stored.isEmpty());
         QCOMPARE(readSecret(u"openai"_s), stored); // the keyring's copy, with the file gone
-        // A cancelled wizard comes back at the next start; a finished one never again.
-        window = std::make_unique<StudioWindow>(false);
+        window = std::make_unique<StudioWindow>(false); // a cancelled wizard comes back, a finished one never
         QVERIFY(whenStarted([&](QWidget* modal) {
             QCOMPARE(bool(qobject_cast<QWizard*>(modal)), refused);
             if (modal)
                 qobject_cast<QDialog*>(modal)->reject();
         }));
-        QCOMPARE(onboarded(), !refused);
+        QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused);
     }
 
     // In English the window, the wizard and the credits show no Spanish text that has an English one.
