@@ -140,8 +140,9 @@ private Q_SLOTS:
              {std::tuple{u"Juan 99:1"_s, "Return"_L1, missing}, {u"Judas 2"_s, "panel"_L1, missing},
               {u"Juan"_s, "button"_L1, u"Cita no reconocida. Ejemplo: Juan 3:16 o Salmos 23"_s}}) {
             QLineEdit* field = where == "panel"_L1 ? citationField() : window->quickVerseField;
-            const QString box = where != "button"_L1 ? type(field, typed) : (type(field, typed, false),
-                                                                              click(window.get(), u"Mostrar versículo"_s));
+            const QString box = where != "button"_L1
+                                    ? type(field, typed)
+                                    : (type(field, typed, false), click(window.get(), u"Mostrar versículo"_s));
             QCOMPARE(box, where == "Return"_L1 ? QString() : message);
             QCOMPARE(status(), message);
             QVERIFY(layer(1).reference == u"Juan 1:1 · RV1909"_s && layer(3).text.isEmpty() && field->text() == typed);
