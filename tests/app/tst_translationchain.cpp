@@ -1,4 +1,3 @@
-#include "AudioCapture.h"
 #include "Compositor.h"
 #include "MediaProbe.h"
 #include "Output.h"
@@ -10,175 +9,96 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QLabel>
 #include <QLineEdit>
-#include <QScopeGuard>
-#include <QSettings>
 #include <QTest>
 #include <QtEndian>
 
-#include <cmath>
-
-namespace {
-
-using Request = StandInHttpServer::Request;
-using Response = StandInHttpServer::Response;
+using namespace Qt::Literals::StringLiterals;
 
 const QString runtimeFolder = QStringLiteral(VELMORA_TEST_OUTPUT "/runtime");
-
-// Set before the application object and GStreamer exist, for the sound server's client library.
-const bool environment = [] {
+const bool environment = [] { // before the application object and GStreamer, for the sound server's client
     SoundServer::useFolder(runtimeFolder);
     return useTestHome(VELMORA_TEST_OUTPUT "/home");
 }();
 
-// Twenty seconds of a tone at half of full scale, as the service's speech comes: 24 kHz mono 16-bit.
-QByteArray speechTone()
-{
-    QByteArray pcm(24000 * 20 * 2, Qt::Uninitialized);
-    for (int i = 0; i < pcm.size() / 2; ++i)
-        qToLittleEndian(qint16(16384 * std::sin(2 * M_PI * 440 * i / 24000.0)), pcm.data() + 2 * i);
-    return pcm;
-}
-
-// The AI service as the chain needs it: the n-th phrase heard is "frase n", its translation "Phrase n".
-Response serviceAnswer(const Request& request, int& heard)
-{
-    if (request.target.endsWith("audio/transcriptions"))
-        return {200, StandInHttpServer::json({{"text", QStringLiteral("frase %1").arg(++heard)}}), false};
-    if (request.target.endsWith("responses")) {
-        const QString input = QJsonDocument::fromJson(request.body).object().value("input").toString();
-        const QString number = input.section(QStringLiteral("New text: frase "), 1);
-        const QJsonObject text{{"type", "output_text"}, {"text", QStringLiteral("Phrase ") + number}};
-        return {200,
-                StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", QJsonArray{text}}}}}}),
-                false};
-    }
-    if (request.target.endsWith("audio/speech"))
-        return {200, speechTone(), false};
-    return {200, "{}", false};
-}
-
-} // namespace
-
-// The whole road of a sermon in the real window: spoken Spanish played into a sound server whose
-// monitor is the studio's voice input, phrases cut and sent to a stand-in AI service, captions on
-// the Hall program picture, and the synthetic voice in a real recording.
+// A sermon in the real window: espeak Spanish played into a sound server whose monitor is the voice input,
+// a stand-in AI service ("frase n" -> "Phrase n", voiced as a 440 Hz tone), captions on the Hall picture,
+// the voice in a real recording.
 class tst_TranslationChain : public QObject
 {
     Q_OBJECT
-
 private Q_SLOTS:
-    void initTestCase();
-    void speechToCaptionsAndVoice();
+    void speechToCaptionsAndVoice()
+    {
+        QCoreApplication::setOrganizationName(u"Lorvane"_s);
+        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
+        SoundServer soundServer{runtimeFolder};
+        QVERIFY(environment && soundServer.clearFolder() && soundServer.start().isEmpty());
+        gst_init(nullptr, nullptr);
+        const QString speech = QStringLiteral(VELMORA_TEST_OUTPUT "/speech.wav");
+        int exitCode = -1;
+        const QString say = u"espeak-ng -v es -m --stdout \"$0\" | sox - -r 48000 -c 2 \"$1\" pad 1 2"_s;
+        const QString ssml = u"<speak>Buenos días, hermanos.<break time=\"1500ms\"/>Abramos la Biblia."
+                             "<break time=\"1500ms\"/>Hoy leemos a Juan.</speak>"_s;
+        const QString said = runTool("sh", {"-c", say, ssml, speech}, &exitCode);
+        QVERIFY2(exitCode == 0, qPrintable(said));
 
-private:
-    SoundServer soundServer{runtimeFolder};
-    QString speechPath;
-};
-
-void tst_TranslationChain::initTestCase()
-{
-    QVERIFY(environment);
-    QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-    QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-    QVERIFY(soundServer.clearFolder());
-    const QString failure = soundServer.start();
-    QVERIFY2(failure.isEmpty(), qPrintable(failure));
-    gst_init(nullptr, nullptr);
-
-    // Three sentences with pauses of 1.5 s between them, at the sound server's rate.
-    const QString spoken = QStringLiteral(VELMORA_TEST_OUTPUT "/spoken.wav");
-    speechPath = QStringLiteral(VELMORA_TEST_OUTPUT "/speech.wav");
-    int exitCode = -1;
-    const QString said =
-        runTool(QStringLiteral("espeak-ng"),
-                {"-v", "es", "-m", "-w", spoken,
-                 "<speak>Buenos días, hermanos y hermanas.<break time=\"1500ms\"/>Abramos juntos la "
-                 "Biblia.<break time=\"1500ms\"/>Hoy leemos el evangelio de Juan.</speak>"},
-                &exitCode);
-    QVERIFY2(exitCode == 0, qPrintable(said));
-    const QString converted =
-        runTool(QStringLiteral("sox"),
-                {spoken, "-r", "48000", "-c", "2", "-b", "16", speechPath, "pad", "1", "2"}, &exitCode);
-    QVERIFY2(exitCode == 0, qPrintable(converted));
-}
-
-void tst_TranslationChain::speechToCaptionsAndVoice()
-{
-    StandInHttpServer service;
-    QVERIFY(service.listen());
-    int heard = 0;
-    service.answer = [&heard](const Request& request) { return serviceAnswer(request, heard); };
-    QSettings settings;
-    settings.clear();
-    settings.setValue(QStringLiteral("onboarding_complete"), true);
-    settings.setValue(QStringLiteral("openai_endpoint"), service.endpoint());
-    settings.sync();
-
-    StudioWindow window(false);
-    QStringList delivered;
-    window.translation.caption = [&delivered, shown = window.translation.caption](const QString& text) {
-        delivered << text;
-        shown(text);
-    };
-    window.audioCombo->setCurrentIndex(window.audioCombo->findText(QStringLiteral("Monitor of Null Output")));
-    for (QPushButton* each : window.findChildren<QPushButton*>())
-        if (each->text() == QStringLiteral("Conectar fuentes"))
-            each->click();
-    QVERIFY(window.capture);
-    window.aiKeyField->setText(QStringLiteral("sk-chain-secret"));
-    window.voiceCheck->setChecked(true);
-
-    QVERIFY(soundServer.play(speechPath));
-    const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
-    window.translateButton->click();
-    QVERIFY(window.translation.running);
-
-    // Each phrase reaches the hall picture as its own line, in the order spoken.
-    Compositor reference;
-    const QStringList expected{QStringLiteral("Phrase 1"), QStringLiteral("Phrase 2"),
-                               QStringLiteral("Phrase 3")};
-    for (qsizetype count = 1; count <= expected.size(); ++count) {
-        const QStringList phrases = expected.mid(0, count);
-        const QImage picture =
-            reference.compose(window.hallProgram, QString(), false, window.hallWidth, window.hallHeight, true,
-                              false, {true, phrases.join(u'\n'), phrases, QStringLiteral("\n")}, nullptr);
-        QTRY_VERIFY_WITH_TIMEOUT(window.hallMonitor->image == picture, 20000);
-    }
-    QCOMPARE(delivered, expected);
-    QCOMPARE(window.heardLabel->text(), QStringLiteral("Escuchado: frase 3"));
-
-    // Every caption was spoken, in PCM.
-    const auto spoken = [&service] {
-        QStringList inputs;
-        for (const Request& request : service.requests) {
+        StandInHttpServer service;
+        QVERIFY(service.listen());
+        int heard = 0;
+        QStringList voiced; // the inputs asked to be spoken in PCM
+        service.answer = [&](const StandInHttpServer::Request& request) -> StandInHttpServer::Response {
             const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-            if (request.target.endsWith("audio/speech") &&
-                body.value("response_format") == QLatin1String("pcm"))
-                inputs << body.value("input").toString();
-        }
-        return inputs;
-    };
-    QTRY_COMPARE(spoken(), expected);
+            if (request.target.endsWith("audio/transcriptions"))
+                return {200, StandInHttpServer::json({{"text", u"frase %1"_s.arg(++heard)}})};
+            if (request.target.endsWith("responses")) {
+                const QString text = "Phrase " + body.value("input").toString().section("New text: frase ", 1);
+                const QJsonArray content{QJsonObject{{"type", "output_text"}, {"text", text}}};
+                return {200, StandInHttpServer::json({{"output", QJsonArray{QJsonObject{{"content", content}}}}})};
+            }
+            if (body.value("response_format") == "pcm"_L1)
+                voiced << body.value("input").toString();
+            QByteArray pcm(24000 * 20 * 2, Qt::Uninitialized); // 20 s at half of full scale, 24 kHz mono
+            for (int i = 0; i < pcm.size() / 2; ++i)
+                qToLittleEndian(qint16(16384 * std::sin(2 * M_PI * 440 * i / 24000.0)), pcm.data() + 2 * i);
+            return {200, request.target.endsWith("audio/speech") ? pcm : "{}"};
+        };
+        QSettings().clear();
+        QSettings().setValue(u"onboarding_complete"_s, true);
+        QSettings().setValue(u"openai_endpoint"_s, service.endpoint());
+        StudioWindow window(false);
+        window.audioCombo->setCurrentIndex(window.audioCombo->findText(u"Monitor of Null Output"_s));
+        window.connectSources();
+        window.aiKeyField->setText(u"sk-chain-secret"_s);
+        window.voiceCheck->setChecked(true);
+        QVERIFY(window.capture && soundServer.play(speech));
+        window.translateButton->click();
+        QVERIFY(window.translation.running);
 
-    // The room falls silent; the last phrase's voice goes on into the recording.
-    soundServer.stopPlaying();
-    QTRY_VERIFY(!window.voiceAudio.empty());
-    const QString path = QStringLiteral(VELMORA_TEST_OUTPUT "/voice.webm");
-    QFile::remove(path);
-    window.startRecording(path);
-    QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 60, 20000);
-    window.recordButton->click();
-    QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
-    // A tone at half of full scale is about -9 dB; silence would be below -90 dB.
-    const double loudness = meanVolumeDb(path);
-    QVERIFY2(loudness > -20.0, qPrintable(QString::number(loudness)));
-}
+        // Each phrase its own line on the Hall picture, in the order spoken, and each one voiced.
+        const QStringList expected{"Phrase 1", "Phrase 2", "Phrase 3"};
+        QTRY_COMPARE_WITH_TIMEOUT(window.captions, expected, 30000);
+        const QImage picture = Compositor().compose(window.hallProgram, QString(), false, window.hallWidth,
+                                                    window.hallHeight, true, false,
+                                                    {true, expected.join('\n'), expected, "\n"}, nullptr);
+        QTRY_VERIFY(window.hallMonitor->image == picture);
+        QTRY_COMPARE(voiced, expected);
+
+        // The room falls silent; the last phrase's voice goes on into the recording (silence is below -90 dB).
+        soundServer.stopPlaying();
+        QTRY_VERIFY(!window.voiceAudio.empty());
+        const QString path = QStringLiteral(VELMORA_TEST_OUTPUT "/voice.webm");
+        QFile::remove(path);
+        window.startRecording(path);
+        QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 60, 20000);
+        window.recordButton->click();
+        QTRY_VERIFY_WITH_TIMEOUT(!window.recording, 20000);
+        QVERIFY2(meanVolumeDb(path) > -20.0, qPrintable(QString::number(meanVolumeDb(path))));
+    }
+};
 
 QTEST_MAIN(tst_TranslationChain)
 #include "tst_translationchain.moc"
