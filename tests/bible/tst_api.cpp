@@ -17,61 +17,48 @@ using Request = StandInHttpServer::Request;
 using Response = StandInHttpServer::Response;
 using Done = std::function<void(QString, QString)>;
 
-const QByteArray bibleKey = "abk-7f3e-secret";
-const QByteArray aiKey = "sk-test-4b1d-secret";
+const QByteArray bibleKey = "abk-7f3e-secret", aiKey = "sk-test-4b1d-secret";
 const QString rv1960 = QStringLiteral("592420522e16049f-01");
 const QString failedTranslation = QStringLiteral("No se pudo traducir el versículo (revisa la API key de OpenAI)");
 
 QStringList logged;
 
-void keepMessages(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    logged << text;
-}
+// Reasoning items carry no text and parts other than output_text are passed over; the first output_text wins.
+const QByteArray translationReply = R"({"id":"resp_1","output":[{"type":"reasoning","summary":[]},)"
+    R"({"type":"message","content":[{"type":"refusal","text":"not this"},)"
+    R"({"type":"output_text","text":"  Car Dieu a tant aimé le monde\n"},{"type":"output_text","text":"nor"}]},)"
+    R"({"type":"message","content":[{"type":"output_text","text":"nor this one"}]}]})";
+const QByteArray translationRequest = R"({"model":"gpt-4.1-mini","instructions":"Translate this Bible passage )"
+    R"(faithfully into français. Return only the translated passage, no commentary.","input":"Porque de tal )"
+    R"(manera amó Dios al mundo","max_output_tokens":800,"store":false})";
 
-// An endpoint with nothing listening on it.
-QString closedEndpoint()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return QStringLiteral("http://127.0.0.1:%1/v1/").arg(probe.serverPort());
-}
+QSettings settings() { return QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio")); }
 
-// Every answer one call of a client gave, and whether one came inside the call itself.
+// Every answer one call gave, and whether one came inside the call itself.
 struct Answer
 {
     int calls = 0;
     bool insideTheCall = false;
-    QString text;
-    QString error;
+    QString text, error;
 };
 
-// Makes one call, handing it the callback its answers go to, and waits up to `waitMs` for the first.
-std::shared_ptr<Answer> answerOf(const std::function<void(Done)>& call, int waitMs = 5000)
+// Makes one call (a passage, or a translation when `typed` is empty) and waits up to `waitMs` for an answer.
+std::shared_ptr<Answer> ask(bible::Api& api, QObject* parent, const QString& typed, int waitMs = 5000)
 {
     auto answer = std::make_shared<Answer>();
-    call([answer](const QString& text, const QString& error) {
+    Done done = [answer](const QString& text, const QString& error) {
         ++answer->calls;
         answer->text = text;
         answer->error = error;
-    });
-    answer->insideTheCall = answer->calls > 0;
-    // The caller checks `calls`.
-    static_cast<void>(QTest::qWaitFor([&answer] { return answer->calls > 0; }, waitMs));
-    return answer;
-}
-
-std::shared_ptr<Answer> askPassage(bible::Api& api, const QString& typed, int waitMs = 5000)
-{
-    return answerOf([&](Done done) { api.passage(bibleKey, rv1960, bible::parse(typed), std::move(done)); }, waitMs);
-}
-
-std::shared_ptr<Answer> askTranslation(QObject* parent, int waitMs = 5000)
-{
-    return answerOf([&](Done done) {
+    };
+    if (typed.isEmpty())
         bible::translateVerse(parent, aiKey, QStringLiteral("Porque de tal manera amó Dios al mundo"),
                               QStringLiteral("français"), std::move(done));
-    }, waitMs);
+    else
+        api.passage(bibleKey, rv1960, bible::parse(typed), std::move(done));
+    answer->insideTheCall = answer->calls > 0;
+    static_cast<void>(QTest::qWaitFor([&answer] { return answer->calls > 0; }, waitMs)); // the caller checks
+    return answer;
 }
 
 } // namespace
@@ -79,50 +66,129 @@ std::shared_ptr<Answer> askTranslation(QObject* parent, int waitMs = 5000)
 class tst_Api : public QObject
 {
     Q_OBJECT
+    std::unique_ptr<StandInHttpServer> standIn;
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase()
+    {
+        // The endpoints are steered through the settings: keep them in the test's folder even when run by hand.
+        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, VELMORA_TEST_OUTPUT "/settings");
+        settings().clear();
+    }
+
+    void init()
+    {
+        standIn = std::make_unique<StandInHttpServer>();
+        QVERIFY(standIn->listen());
+        settings().setValue("openai_endpoint", standIn->endpoint());
+        logged.clear();
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) { logged << text; });
+    }
+
+    // Whatever a test did, no key may have reached the log.
+    void cleanup()
+    {
+        qInstallMessageHandler(nullptr);
+        for (const QString& line : std::as_const(logged))
+            QVERIFY2(!line.contains(QLatin1String(bibleKey)) && !line.contains(QLatin1String(aiKey)),
+                     qPrintable(line));
+        standIn.reset();
+        settings().clear();
+    }
 
     void answers_data();
-    void answers();
-    void silenceEndsAsFailure();
-    void endpoints();
-    void ownerGoneBeforeTheReply_data();
-    void ownerGoneBeforeTheReply();
+    // Every outcome is one answer, from the event loop and never from inside the call; each key travels
+    // in its own service's header alone.
+    void answers()
+    {
+        QFETCH(QString, typed);
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, request);
+        standIn->answer = [status, body](const Request&) { return Response{status, body, false}; };
+        QTcpServer closed; // an endpoint with nothing listening on it
+        QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+        const QString endpoint = status >= 0 ? standIn->endpoint()
+                                             : QStringLiteral("http://127.0.0.1:%1/v1/").arg(closed.serverPort());
+        closed.close();
+        settings().setValue("openai_endpoint", endpoint);
+        bible::Api api(endpoint);
+        QObject parent;
+        const auto answer = ask(api, &parent, typed);
+        QCOMPARE(answer->calls, 1);
+        QVERIFY(!answer->insideTheCall);
+        QTEST(answer->text, "text");
+        QTEST(answer->error, "error");
+        QCOMPARE(standIn->requests.size(), request.isEmpty() ? 0 : 1);
+        if (request.isEmpty())
+            return;
+        const Request& sent = standIn->requests.first();
+        QCOMPARE(sent.method + ' ' + sent.target, request);
+        const QByteArray own = typed.isEmpty() ? "authorization" : "api-key";
+        QCOMPARE(sent.headers.value(own), typed.isEmpty() ? "Bearer " + aiKey : bibleKey);
+        QVERIFY(!sent.headers.contains(typed.isEmpty() ? "api-key" : "authorization"));
+        if (typed.isEmpty()) {
+            QCOMPARE(sent.headers.value("content-type"), QByteArray("application/json"));
+            QCOMPARE(QJsonDocument::fromJson(sent.body).object(), QJsonDocument::fromJson(translationRequest).object());
+        }
+    }
 
-private:
-    std::unique_ptr<StandInHttpServer> standIn;
+    // A service that takes the request and never answers ends as a failure after the time-out, and
+    // that answer stays the only one.
+    void silenceEndsAsFailure()
+    {
+        standIn->answer = [](const Request&) { return Response{200, {}, true}; };
+        bible::Api api(standIn->endpoint());
+        api.setTimeoutMs(400);
+        QElapsedTimer clock;
+        clock.start();
+        const auto answer = ask(api, nullptr, QStringLiteral("Juan 3:16"), 10000);
+        QVERIFY2(clock.elapsed() >= 350, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(standIn->requests.size(), 1); // the request did arrive: it is the answer that is missing
+        QCOMPARE(answer->error, QStringLiteral("API.Bible: sin respuesta"));
+        QTRY_COMPARE(standIn->openConnections, 0);
+        QCOMPARE(answer->calls, 1);
+    }
+
+    // The real services unless the settings name a stand-in, which may be written without its final slash.
+    void endpoints()
+    {
+        settings().remove("openai_endpoint");
+        QCOMPARE(bible::Api().endpoint(), QStringLiteral("https://api.scripture.api.bible/v1/"));
+        QCOMPARE(bible::aiServiceEndpoint(), QStringLiteral("https://api.openai.com/v1/"));
+        const QString endpoint = standIn->endpoint().chopped(1);
+        settings().setValue("apibible_endpoint", endpoint);
+        settings().setValue("openai_endpoint", endpoint);
+        QCOMPARE(bible::aiServiceEndpoint(), endpoint + u'/');
+        bible::Api api;
+        QCOMPARE(ask(api, nullptr, QStringLiteral("Juan 3:16"))->calls, 1);
+        QCOMPARE(standIn->requests.size(), 1);
+        QVERIFY(standIn->requests.first().target.startsWith("/v1/bibles/" + rv1960.toLatin1() + "/passages/JHN.3.16?"));
+    }
+
+    // An owner destroyed with a request out (the window closing) takes the request along: no answer
+    // comes, and nothing crashes later.
+    void ownerGoneBeforeTheReply_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::newRow("online Bible client") << "Juan 3:16";
+        QTest::newRow("translation's parent") << "";
+    }
+
+    void ownerGoneBeforeTheReply()
+    {
+        QFETCH(QString, typed);
+        standIn->answer = [](const Request&) { return Response{200, {}, true}; };
+        auto api = std::make_unique<bible::Api>(standIn->endpoint());
+        auto parent = std::make_unique<QObject>();
+        const auto answer = ask(*api, parent.get(), typed, 0);
+        QTRY_COMPARE(standIn->requests.size(), 1);
+        api.reset();
+        parent.reset();
+        QTRY_COMPARE(standIn->openConnections, 0);
+        QCOMPARE(answer->calls, 0);
+    }
 };
-
-void tst_Api::initTestCase()
-{
-    // The endpoints are steered through the settings store: keep it in the test's folder even when
-    // the test is run by hand, outside its private HOME.
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral(VELMORA_TEST_OUTPUT "/settings"));
-    QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio")).clear();
-}
-
-void tst_Api::init()
-{
-    standIn = std::make_unique<StandInHttpServer>();
-    QVERIFY(standIn->listen());
-    QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio"))
-        .setValue(QStringLiteral("openai_endpoint"), standIn->endpoint());
-    logged.clear();
-    qInstallMessageHandler(keepMessages);
-}
-
-// Whatever a test did, no key may have reached the log.
-void tst_Api::cleanup()
-{
-    qInstallMessageHandler(nullptr);
-    for (const QString& line : std::as_const(logged))
-        QVERIFY2(!line.contains(QLatin1String(bibleKey)) && !line.contains(QLatin1String(aiKey)), qPrintable(line));
-    standIn.reset();
-    QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio")).clear();
-}
 
 void tst_Api::answers_data()
 {
@@ -132,7 +198,6 @@ void tst_Api::answers_data()
     QTest::addColumn<QByteArray>("request"); // what the service is sent; empty: nothing is asked
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("error");
-
     // A range asks for its verse numbers.
     const auto passage = [](const QByteArray& id) {
         return "GET /v1/bibles/" + rv1960.toLatin1() + "/passages/" + id +
@@ -141,12 +206,9 @@ void tst_Api::answers_data()
     };
     const QByteArray verse = R"({"data":{"content":"\n     [16] Porque de tal manera\n amó Dios\tal mundo,  \n"}})";
     const QString text = QStringLiteral("[16] Porque de tal manera amó Dios al mundo,");
-    const QByteArray refused = R"({"statusCode":401,"message":"nope"})";
-    const QByteArray jn316 = passage("JHN.3.16");
+    const QByteArray refused = R"({"statusCode":401,"message":"nope"})", jn316 = passage("JHN.3.16");
     const QString key = QStringLiteral("API.Bible: clave no válida o sin permiso para esa Biblia");
     const QString noText = QStringLiteral("API.Bible no devolvió texto para esa cita");
-    const QString invalid = QStringLiteral("Cita no válida");
-
     QTest::newRow("whole chapter") << "Juan 3" << 200 << verse << passage("JHN.3") << text << "";
     QTest::newRow("one verse") << "Juan 3:16" << 200 << verse << jn316 << text << "";
     QTest::newRow("range") << "1 Co 13:4-7" << 200 << verse << passage("1CO.13.4-1CO.13.7") << text << "";
@@ -154,141 +216,30 @@ void tst_Api::answers_data()
     QTest::newRow("401") << "Juan 3:16" << 401 << refused << jn316 << "" << key;
     QTest::newRow("403") << "Juan 3:16" << 403 << refused << jn316 << "" << key;
     QTest::newRow("404") << "Juan 3:16" << 404 << refused << jn316 << "" << "API.Bible: sin respuesta (HTTP 404)";
-    QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << "" << "API.Bible: sin respuesta";
-    QTest::newRow("blank content") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":" \n\t "}})") << jn316
-                                   << "" << noText;
-    QTest::newRow("malformed JSON") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":"Porque de)") << jn316
-                                    << "" << noText;
-    QTest::newRow("no book") << "xyz 3:16" << 200 << verse << QByteArray() << "" << invalid;
-    QTest::newRow("chapter 0") << "Juan 0:16" << 200 << verse << QByteArray() << "" << invalid;
-    QTest::newRow("range backwards") << "Rom 8:28-20" << 200 << verse << QByteArray() << "" << invalid;
+    QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << ""
+                             << "API.Bible: sin respuesta";
+    QTest::newRow("blank content") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":" \n\t "}})")
+                                   << jn316 << "" << noText;
+    QTest::newRow("malformed JSON") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":"Porque de)")
+                                    << jn316 << "" << noText;
+    for (const char* invalid : {"xyz 3:16", "Juan 0:16", "Rom 8:28-20"})
+        QTest::newRow(invalid) << invalid << 200 << verse << QByteArray() << "" << "Cita no válida";
 
-    // Reasoning items carry no text and parts other than output_text are passed over; the first
-    // output_text wins, trimmed.
     const QByteArray post = "POST /v1/responses";
-    QTest::newRow("translation") << "" << 200 << QByteArray(R"({"id":"resp_1","output":[
-        {"type":"reasoning","summary":[]},
-        {"type":"message","content":[{"type":"refusal","text":"not this"},
-            {"type":"output_text","text":"  Car Dieu a tant aimé le monde\n"},{"type":"output_text","text":"nor this"}]},
-        {"type":"message","content":[{"type":"output_text","text":"nor this one"}]}]})")
+    const auto message = [](const QByteArray& content) {
+        return R"({"output":[{"type":"message","content":[)" + content + "]}]}";
+    };
+    QTest::newRow("translation") << "" << 200 << translationReply
                                  << post << "Car Dieu a tant aimé le monde" << "";
-    QTest::newRow("translation 401") << "" << 401 << QByteArray(R"({"error":{"message":"Incorrect API key"}})") << post
-                                     << "" << failedTranslation;
+    QTest::newRow("translation 401") << "" << 401 << QByteArray(R"({"error":{"message":"Incorrect API key"}})")
+                                     << post << "" << failedTranslation;
     QTest::newRow("translation refused") << "" << -1 << QByteArray() << QByteArray() << "" << failedTranslation;
-    QTest::newRow("translation blank") << "" << 200
-        << QByteArray(R"({"output":[{"type":"message","content":[{"type":"output_text","text":" \n "}]}]})") << post
-        << "" << failedTranslation;
-    QTest::newRow("translation without output_text") << "" << 200
-        << QByteArray(R"({"output":[{"type":"message","content":[{"type":"refusal","text":"no"}]}]})") << post
-        << "" << failedTranslation;
-    QTest::newRow("translation malformed") << "" << 200
-        << QByteArray(R"({"output":[{"type":"message","content":[{"type":"output_te)") << post << "" << failedTranslation;
-}
-
-// Every outcome is one answer, from the event loop and never from inside the call; each key travels
-// in its own service's header alone.
-void tst_Api::answers()
-{
-    QFETCH(QString, typed);
-    QFETCH(int, status);
-    QFETCH(QByteArray, body);
-    QFETCH(QByteArray, request);
-    QFETCH(QString, text);
-    QFETCH(QString, error);
-
-    standIn->answer = [status, body](const Request&) { return Response{status, body, false}; };
-    const QString endpoint = status < 0 ? closedEndpoint() : standIn->endpoint();
-    QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio"))
-        .setValue(QStringLiteral("openai_endpoint"), endpoint);
-    bible::Api api(endpoint);
-    QObject parent;
-    const auto answer = typed.isEmpty() ? askTranslation(&parent) : askPassage(api, typed);
-    QCOMPARE(answer->calls, 1);
-    QVERIFY(!answer->insideTheCall);
-    QCOMPARE(answer->text, text);
-    QCOMPARE(answer->error, error);
-    if (request.isEmpty()) {
-        QVERIFY(standIn->requests.isEmpty());
-        return;
-    }
-
-    QCOMPARE(standIn->requests.size(), 1);
-    const Request& sent = standIn->requests.first();
-    QCOMPARE(sent.method + ' ' + sent.target, request);
-    if (!typed.isEmpty()) {
-        QCOMPARE(sent.headers.value("api-key"), bibleKey);
-        QVERIFY(!sent.headers.contains("authorization"));
-        return;
-    }
-    QCOMPARE(sent.headers.value("authorization"), "Bearer " + aiKey);
-    QVERIFY(!sent.headers.contains("api-key"));
-    QCOMPARE(sent.headers.value("content-type"), QByteArray("application/json"));
-    QCOMPARE(QJsonDocument::fromJson(sent.body).object(), QJsonDocument::fromJson(R"({"model":"gpt-4.1-mini",
-        "instructions":"Translate this Bible passage faithfully into français. Return only the translated passage, no commentary.",
-        "input":"Porque de tal manera amó Dios al mundo","max_output_tokens":800,"store":false})").object());
-}
-
-// A service that takes the request and never answers ends as a failure after the time-out, and
-// that answer stays the only one.
-void tst_Api::silenceEndsAsFailure()
-{
-    standIn->answer = [](const Request&) { return Response{200, {}, true}; };
-    bible::Api api(standIn->endpoint());
-    api.setTimeoutMs(400);
-
-    QElapsedTimer clock;
-    clock.start();
-    const auto answer = askPassage(api, QStringLiteral("Juan 3:16"), 10000);
-    QCOMPARE(answer->calls, 1);
-    QVERIFY2(clock.elapsed() >= 350, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(standIn->requests.size(), 1); // the request did arrive: it is the answer that is missing
-    QCOMPARE(answer->error, QStringLiteral("API.Bible: sin respuesta"));
-    QTRY_COMPARE(standIn->openConnections, 0);
-    QCOMPARE(answer->calls, 1);
-}
-
-// The real services unless the settings name a stand-in, which may be written without its final slash.
-void tst_Api::endpoints()
-{
-    QSettings settings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio"));
-    settings.remove(QStringLiteral("openai_endpoint"));
-    QCOMPARE(bible::Api().endpoint(), QStringLiteral("https://api.scripture.api.bible/v1/"));
-    QCOMPARE(bible::aiServiceEndpoint(), QStringLiteral("https://api.openai.com/v1/"));
-
-    QString endpoint = standIn->endpoint();
-    endpoint.chop(1);
-    settings.setValue(QStringLiteral("apibible_endpoint"), endpoint);
-    settings.setValue(QStringLiteral("openai_endpoint"), endpoint);
-    QCOMPARE(bible::aiServiceEndpoint(), endpoint + u'/');
-    bible::Api api;
-    QCOMPARE(askPassage(api, QStringLiteral("Juan 3:16"))->calls, 1);
-    QCOMPARE(standIn->requests.size(), 1);
-    QVERIFY(standIn->requests.first().target.startsWith("/v1/bibles/" + rv1960.toLatin1() + "/passages/JHN.3.16?"));
-}
-
-void tst_Api::ownerGoneBeforeTheReply_data()
-{
-    QTest::addColumn<bool>("translation");
-
-    QTest::newRow("online Bible client") << false;
-    QTest::newRow("translation's parent") << true;
-}
-
-// An owner destroyed with a request out (the window closing) takes the request along: no answer
-// comes, and nothing crashes later.
-void tst_Api::ownerGoneBeforeTheReply()
-{
-    QFETCH(bool, translation);
-
-    standIn->answer = [](const Request&) { return Response{200, {}, true}; };
-    auto api = std::make_unique<bible::Api>(standIn->endpoint());
-    auto parent = std::make_unique<QObject>();
-    const auto answer = translation ? askTranslation(parent.get(), 0) : askPassage(*api, QStringLiteral("Juan 3:16"), 0);
-    QTRY_COMPARE(standIn->requests.size(), 1);
-    api.reset();
-    parent.reset();
-    QTRY_COMPARE(standIn->openConnections, 0);
-    QCOMPARE(answer->calls, 0);
+    QTest::newRow("translation blank") << "" << 200 << message(R"({"type":"output_text","text":" \n "})") << post
+                                       << "" << failedTranslation;
+    QTest::newRow("translation without output_text") << "" << 200 << message(R"({"type":"refusal","text":"no"})")
+                                                     << post << "" << failedTranslation;
+    QTest::newRow("translation malformed") << "" << 200 << QByteArray(R"({"output":[{"type":"message","con)")
+                                           << post << "" << failedTranslation;
 }
 
 QTEST_GUILESS_MAIN(tst_Api)
