@@ -97,6 +97,7 @@ private Q_SLOTS:
     }
 
     void answers_data();
+
     // Every outcome is one answer, from the event loop and never from inside the call; each key travels
     // in its own service's header alone.
     void answers()

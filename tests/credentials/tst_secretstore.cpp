@@ -168,6 +168,7 @@ private Q_SLOTS:
     }
 
     void fileServesAlone_data();
+
     // Without a Secret Service the file serves alone, owner read/write only, and a missing bus fails at
     // once: nothing here waits for the bound on a silent service.
     void fileServesAlone()

@@ -235,31 +235,19 @@ private Q_SLOTS:
         QCOMPARE(bench.calls, moved ? QStringList{"changed"} : QStringList());
     }
 
-    void select_data()
-    {
-        QTest::addColumn<bool>("withScene");
-        QTest::addColumn<int>("index");
-        QTest::addColumn<int>("expected");
-        // Reported every time, even when nothing changed: the window refreshes its layer list on it.
-        QTest::newRow("same again") << true << 1 << 1;
-        QTest::newRow("last") << true << 2 << 2;
-        QTest::newRow("one past the end") << true << 3 << -1;
-        QTest::newRow("negative") << true << -7 << -1;
-        QTest::newRow("no scene") << false << 0 << -1;
-    }
-
+    // Reported every time, even when nothing changed: the window refreshes its layer list on it.
     void select()
     {
-        QFETCH(bool, withScene);
-        QFETCH(int, index);
-        QFETCH(int, expected);
-        Bench bench({layer(K::Text, {0.1, 0.1, 0.2, 0.2}), layer(K::Text, {0.4, 0.4, 0.2, 0.2}),
-                     layer(K::Text, {0.7, 0.7, 0.2, 0.2})}, 1);
-        if (!withScene)
-            bench.canvas->scene = nullptr;
-        bench.canvas->select(index);
-        QCOMPARE(bench.canvas->selected, expected);
-        QCOMPARE(bench.calls, QStringList{QStringLiteral("selectionChanged %1").arg(expected)});
+        for (const auto& [withScene, index, expected] : {std::tuple{true, 1, 1}, {true, 2, 2}, {true, 3, -1},
+                                                         {true, -7, -1}, {false, 0, -1}}) {
+            Bench bench({layer(K::Text, {0.1, 0.1, 0.2, 0.2}), layer(K::Text, {0.4, 0.4, 0.2, 0.2}),
+                         layer(K::Text, {0.7, 0.7, 0.2, 0.2})}, 1);
+            if (!withScene)
+                bench.canvas->scene = nullptr;
+            bench.canvas->select(index);
+            QCOMPARE(bench.canvas->selected, expected);
+            QCOMPARE(bench.calls, QStringList{QStringLiteral("selectionChanged %1").arg(expected)});
+        }
     }
 
     void keys_data()

@@ -29,15 +29,6 @@ std::shared_ptr<tavrin::Frame> busyFrame(int width, int height, int seed, bool t
     return frame;
 }
 
-Layer layerOf(Kind kind, const QRectF& rect = QRectF(0, 0, 1, 1), double opacity = 1.0)
-{
-    Layer layer;
-    layer.kind = kind;
-    layer.rect = rect;
-    layer.opacity = opacity;
-    return layer;
-}
-
 // Largest difference of any byte of the outputs' RGBA.
 int largestDifference(const QImage& a, const QImage& b)
 {
@@ -152,10 +143,9 @@ private Q_SLOTS:
         picture.fill(green);
         const int border = std::min(picture.width(), picture.height()) / 10;
         QPainter(&picture).fillRect(picture.rect().adjusted(border, border, -border, -border), red);
-        SceneDef scene;
-        scene.layers.push_back(layerOf(Kind::Image, placement.rect));
-        scene.layers.back().image = std::make_shared<tavrin::Frame>(::frameFromImage(picture));
-        scene.layers.back().cover = placement.cover;
+        const SceneDef scene{{}, {{.kind = Kind::Image, .rect = placement.rect,
+                                   .image = std::make_shared<tavrin::Frame>(::frameFromImage(picture)),
+                                   .cover = placement.cover}}};
         const QImage image = compose(scene, QSize(400, 300));
 
         const QRect& r = placement.expected;
@@ -175,10 +165,10 @@ private Q_SLOTS:
     void missingPictures()
     {
         // Over white: an image or a video without its picture is a dark box; a camera leaves what is below.
-        SceneDef scene;
-        scene.layers = {layerOf(Kind::Color), layerOf(Kind::Image, QRectF(0, 0, 0.3, 1)),
-                        layerOf(Kind::Video, QRectF(0.3, 0, 0.3, 1)), layerOf(Kind::Camera, QRectF(0.6, 0, 0.4, 1))};
-        scene.layers.front().fill = Qt::white;
+        const SceneDef scene{{}, {{.kind = Kind::Color, .fill = Qt::white},
+                                  {.kind = Kind::Image, .rect = {0, 0, 0.3, 1}},
+                                  {.kind = Kind::Video, .rect = {0.3, 0, 0.3, 1}},
+                                  {.kind = Kind::Camera, .rect = {0.6, 0, 0.4, 1}}}};
         const QImage image = compose(scene, QSize(300, 100));
         CHECK_COLOUR(image, 45, 50, QColor(55, 55, 55)); // black at alpha 200
         CHECK_COLOUR(image, 135, 50, QColor(55, 55, 55));
@@ -214,14 +204,12 @@ private Q_SLOTS:
     void subtitles()
     {
         QFETCH(Captioning, captioning);
-        Layer subtitle = layerOf(Kind::Subtitle);
-        subtitle.font = QStringLiteral("DejaVu Sans");
-        subtitle.size = 108; // 36 pixels on a 360-high output
-        subtitle.shadow = false;
-        subtitle.background = Qt::blue;
-        subtitle.align = Qt::AlignLeft | Qt::AlignBottom; // subtitles hang from the top all the same
-        subtitle.text = subtitle.reference = QStringLiteral("old"); // an earlier frame's, always replaced
-        SceneDef scene{{}, {subtitle}};
+        // 36 pixels high on a 360-high output; subtitles hang from the top all the same, and what an earlier
+        // frame left is always replaced.
+        const Layer subtitle{.kind = Kind::Subtitle, .text = "old", .reference = "old", .font = "DejaVu Sans",
+                             .size = 108, .background = Qt::blue, .align = Qt::AlignLeft | Qt::AlignBottom,
+                             .shadow = false};
+        const SceneDef scene{{}, {subtitle}};
         const CaptionView captions = captionsOf(captioning.phrases, captioning.separator, captioning.show);
         const QImage image = compose(scene, {640, 360}, captions, false, captioning.preview);
 
@@ -263,10 +251,8 @@ private Q_SLOTS:
     {
         QFETCH(Finish, finish);
         SceneDef scene;
-        if (finish.subtitleLayer) {
-            scene.layers.push_back(layerOf(Kind::Subtitle));
-            scene.layers.back().visible = false;
-        }
+        if (finish.subtitleLayer)
+            scene.layers.push_back({.kind = Kind::Subtitle, .visible = false});
         const QStringList phrases = finish.caption.isEmpty() ? QStringList() : QStringList{finish.caption};
         const QImage image = compose(scene, QSize(1000, 500), captionsOf(phrases, "\n", finish.show), finish.hall,
                                      false, finish.title, finish.band);
@@ -326,41 +312,32 @@ private Q_SLOTS:
         QVERIFY2(QFontInfo(QFont(font)).family().startsWith(font), qPrintable(font)); // "Nimbus Sans [urw]"
 
         // What is hardest for the fast path: opacity, shadows, backgrounds, fractional boxes, scaling both
-        // ways, a translucent picture, text running out of its box.
-        SceneDef scene{{}, {layerOf(Kind::Color)}};
-        scene.layers.reserve(16); // the layers below are edited through references
-        scene.layers[0].fill = QColor(8, 24, 48);
-        const auto add = [&](Kind kind, QRectF rect, double opacity = 1.0) -> Layer& {
-            static Layer unused;
-            Layer layer = layerOf(kind, rect, opacity);
-            layer.font = font;
-            return output.kinds.contains(kind) ? scene.layers.emplace_back(layer) : (unused = layer);
+        // ways, a translucent picture, text running out of its box, a shadow pass moved by half a pixel.
+        const Layer samples[] = {
+            {.kind = Kind::Camera, .rect = {0.0, 0.0, 0.7, 0.83}, .cover = true},
+            {.kind = Kind::Image, .opacity = 0.8, .rect = {0.513, 0.071, 0.417, 0.333},
+             .image = busyFrame(333, 187, 5, true)},
+            {.kind = Kind::Image, .rect = {0.02, 0.6, 0.31, 0.37}, .image = busyFrame(40, 30, 9, false), .cover = true},
+            {.kind = Kind::Video, .rect = {0.8, 0.6, 0.15, 0.15}},
+            {.kind = Kind::Screen, .opacity = 0.6, .rect = {0.81, 0.02, 0.17, 0.1}},
+            {.kind = Kind::Color, .rect = {0.6, 0.7, 0.3, 0.2}, .fill = QColor(200, 100, 0, 120)},
+            {.kind = Kind::Text, .opacity = 0.7, .rect = {0.1, 0.05, 0.37, 0.13},
+             .text = "Anuncios de la semana: reunión de jóvenes el sábado a las 18 h, con cena",
+             .align = Qt::AlignLeft | Qt::AlignVCenter},
+            {.kind = Kind::Text, .rect = {0.3, 0.55, 0.6, 0.3}, .text = "Gloria a Dios", .size = 100,
+             .color = QColor(250, 220, 120), .background = Qt::transparent},
+            {.kind = Kind::Verse, .rect = {0.083, 0.41, 0.834, 0.3},
+             .text = "Porque de tal manera amó Dios al mundo,\nque ha dado a su Hijo unigénito",
+             .reference = "Juan 3:16 · RVR1909", .color = QColor(255, 240, 200)},
+            {.kind = Kind::Subtitle, .opacity = output.subtitleOpacity, .rect = {0.05, 0.08, 0.9, 0.84}, .size = 72,
+             .background = Qt::transparent, .align = Qt::AlignLeft | Qt::AlignTop},
         };
-        add(Kind::Camera, {0.0, 0.0, 0.7, 0.83}).cover = true;
-        add(Kind::Image, {0.513, 0.071, 0.417, 0.333}, 0.8).image = busyFrame(333, 187, 5, true);
-        Layer& small = add(Kind::Image, {0.02, 0.6, 0.31, 0.37});
-        small.image = busyFrame(40, 30, 9, false);
-        small.cover = true;
-        add(Kind::Video, {0.8, 0.6, 0.15, 0.15});
-        add(Kind::Screen, {0.81, 0.02, 0.17, 0.1}, 0.6);
-        add(Kind::Color, {0.6, 0.7, 0.3, 0.2}).fill = QColor(200, 100, 0, 120);
-        Layer& text = add(Kind::Text, {0.1, 0.05, 0.37, 0.13}, 0.7);
-        text.text = QStringLiteral("Anuncios de la semana: reunión de jóvenes el sábado a las 18 h, con cena");
-        text.align = Qt::AlignLeft | Qt::AlignVCenter;
-        Layer& large = add(Kind::Text, {0.3, 0.55, 0.6, 0.3}); // at full size a shadow pass moves by half a pixel
-        large.text = QStringLiteral("Gloria a Dios");
-        large.size = 100;
-        large.background = Qt::transparent;
-        large.color = QColor(250, 220, 120);
-        Layer& verse = add(Kind::Verse, {0.083, 0.41, 0.834, 0.3});
-        verse.text = QStringLiteral("Porque de tal manera amó Dios al mundo,\nque ha dado a su Hijo unigénito");
-        verse.reference = QStringLiteral("Juan 3:16 · RVR1909");
-        verse.color = QColor(255, 240, 200);
-        Layer& subtitle = add(Kind::Subtitle, {0.05, 0.08, 0.9, 0.84}, output.subtitleOpacity);
-        subtitle.size = 72;
-        subtitle.background = Qt::transparent;
-        subtitle.align = Qt::AlignLeft | Qt::AlignTop;
-
+        SceneDef scene{{}, {Layer{.kind = Kind::Color, .fill = QColor(8, 24, 48)}}};
+        for (Layer layer : samples)
+            if (output.kinds.contains(layer.kind)) {
+                layer.font = font;
+                scene.layers.push_back(layer);
+            }
         tavrin::Frame camera = *busyFrame(480, 270, 2, false);
         quint64 serial = 1;
         const CaptionView captions = captionsOf(

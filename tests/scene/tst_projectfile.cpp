@@ -14,6 +14,8 @@
 
 namespace {
 
+using Kind = Layer::Kind;
+
 const QString outputDir = QStringLiteral(VELMORA_TEST_OUTPUT);
 QString outputPath(const QString& name) { return QDir(outputDir).filePath(name); }
 
@@ -36,14 +38,6 @@ QByteArray json(const std::vector<SceneDef>& scenes)
     return QJsonDocument(array).toJson(QJsonDocument::Compact);
 }
 
-Layer layerOf(Layer::Kind kind, const QString& name)
-{
-    Layer layer;
-    layer.kind = kind;
-    layer.name = name;
-    return layer;
-}
-
 void writeBytes(const QString& path, const QByteArray& bytes)
 {
     QFile file(path);
@@ -59,16 +53,13 @@ QByteArray fileBytes(const QString& path)
 // Every option away from its default, and layers of several kinds.
 ProjectData sampleProject()
 {
-    Layer text = layerOf(Layer::Kind::Text, QStringLiteral("Bienvenida"));
-    text.text = QStringLiteral("Bienvenidos «hermanos»");
-    text.rect = QRectF(0.1, 0.7, 0.8, 0.2);
-    Layer video = layerOf(Layer::Kind::Video, QStringLiteral("Video"));
-    video.uri = QStringLiteral("rtsp://10.0.0.5/stream");
-    video.visible = false;
+    const Layer text{.kind = Kind::Text, .name = "Bienvenida", .rect = {0.1, 0.7, 0.8, 0.2},
+                     .text = "Bienvenidos «hermanos»"};
+    const Layer video{.kind = Kind::Video, .name = "Video", .visible = false, .uri = "rtsp://10.0.0.5/stream"};
     // The index is stored as it is: the window clamps it once its lists are final.
     return ProjectData{.vertical = true, .current = 5, .currentHall = 1,
-                       .scenes = {SceneDef{"Culto", {layerOf(Layer::Kind::Camera, {}), text}}, {"Anuncios", {video}}},
-                       .hall = {SceneDef{"Sala", {layerOf(Layer::Kind::Verse, QStringLiteral("Juan 3:16"))}}},
+                       .scenes = {SceneDef{"Culto", {{.kind = Kind::Camera}, text}}, {"Anuncios", {video}}},
+                       .hall = {SceneDef{"Sala", {{.kind = Kind::Verse, .name = "Juan 3:16"}}}},
                        .band = true, .title = QStringLiteral("Servicio dominical"), .gain = 150};
 }
 
@@ -89,6 +80,7 @@ private Q_SLOTS:
 
     void layerFromJson_data();
     void layerFromJson();
+
     void layerKeys_data()
     {
         QTest::addColumn<QString>("kind");
@@ -147,6 +139,7 @@ private Q_SLOTS:
     }
 
     void versions_data();
+
     void versions()
     {
         QFETCH(QByteArray, document);
@@ -159,6 +152,7 @@ private Q_SLOTS:
     }
 
     void reading_data();
+
     void reading()
     {
         QFETCH(QByteArray, document);
@@ -242,14 +236,11 @@ void tst_ProjectFile::versions_data()
     // Version 1 held one stream scene: a layout number, an image and a media address.
     const auto one = [](const QByteArray& keys) { return R"({"version":1,"gain":100)" + keys + "}"; };
     const QByteArray both = R"(,"image":"/home/ana/fotos/logo.png","media":"file:///home/ana/intro.mp4")";
-    const Layer camera = layerOf(Layer::Kind::Camera, T("Cámara"));
-    Layer logo = layerOf(Layer::Kind::Image, QStringLiteral("logo.png"));
-    logo.path = QStringLiteral("/home/ana/fotos/logo.png");
-    logo.rect = QRectF(0.8, 0.03, 0.17, 0.17);
-    Layer picture = logo;
-    picture.rect = QRectF(0, 0, 1, 1);
-    Layer video = layerOf(Layer::Kind::Video, T("Video"));
-    video.uri = QStringLiteral("file:///home/ana/intro.mp4");
+    const Layer camera{.kind = Kind::Camera, .name = T("Cámara")};
+    const Layer logo{.kind = Kind::Image, .name = "logo.png", .rect = {0.8, 0.03, 0.17, 0.17},
+                     .path = "/home/ana/fotos/logo.png"};
+    const Layer picture{.kind = Kind::Image, .name = "logo.png", .path = "/home/ana/fotos/logo.png"};
+    const Layer video{.kind = Kind::Video, .name = T("Video"), .uri = "file:///home/ana/intro.mp4"};
     const auto first = [](std::vector<Layer> layers) { return json({{T("Escena 1"), std::move(layers)}}); };
     const QByteArray none = json({});
     QTest::newRow("1: camera, logo and video")
@@ -259,8 +250,7 @@ void tst_ProjectFile::versions_data()
         << one(R"(,"scene":2)" + both) << first({picture, video}) << none;
     QTest::newRow("1: missing layout is 0") << one(both) << first({camera, logo, video}) << none;
     QTest::newRow("1: nothing") << one(R"(,"scene":1,"image":"","media":"")") << first({}) << none;
-    Layer hola = layerOf(Layer::Kind::Text, {});
-    hola.text = QStringLiteral("Hola");
+    const Layer hola{.kind = Kind::Text, .text = "Hola"};
     QTest::newRow("2: scenes and hall")
         << QByteArray(R"({"version":2,"gain":80,"scenes":[{"name":"A","layers":[)"
                       R"({"kind":"text","text":"Hola"}]},{"name":"B"}],"hall":[{"name":"H"}]})")
@@ -299,7 +289,7 @@ void tst_ProjectFile::reading_data()
     QTest::newRow("gain 200, version 1") << QByteArray(R"({"version":1,"gain":200})") << QString();
     // Generated projects at the bounds and one past them, in either list.
     const auto project = [](const char* list, std::size_t sceneCount, std::size_t layerCount) {
-        const SceneDef scene{"Culto", std::vector<Layer>(layerCount, layerOf(Layer::Kind::Text, "T"))};
+        const SceneDef scene{"Culto", std::vector<Layer>(layerCount, Layer{.kind = Kind::Text, .name = "T"})};
         return R"({"version":3,"gain":100,")" + QByteArray(list) + "\":" +
                json(std::vector<SceneDef>(sceneCount, scene)) + '}';
     };
