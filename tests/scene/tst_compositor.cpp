@@ -9,6 +9,9 @@
 #include <functional>
 #include <memory>
 
+// Layers are written out member by member; those left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 using Kind = Layer::Kind;

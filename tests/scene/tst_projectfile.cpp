@@ -12,6 +12,9 @@
 #include <functional>
 #include <sys/resource.h>
 
+// Layers are written out member by member; those left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace {
 
 using Kind = Layer::Kind;
