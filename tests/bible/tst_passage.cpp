@@ -7,8 +7,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
-#include <QSet>
 #include <QTest>
 
 #include <stdexcept>
@@ -16,20 +14,13 @@
 namespace {
 
 // Book indices, so the tables read as references.
-enum : int {
-    Genesis = 0, Judges = 6, Kings2 = 11, Psalms = 18, Isaiah = 22, Zephaniah = 35, John = 42, Romans = 44,
-    Corinthians1 = 45, Hebrews = 57, John1 = 61, John3 = 63,
-};
+enum : int { Genesis = 0, Judges = 6, Kings2 = 11, Psalms = 18, Isaiah = 22, Zephaniah = 35, John = 42, Romans = 44,
+             Corinthians1 = 45, Hebrews = 57, John1 = 61, John3 = 63 };
 
 const bible::Local& bibleFor(const QString& language)
 {
     static const bible::Local absent(QStringLiteral(":/bible-xx-none.qz"));
     return language == "none" ? absent : language == "en" ? bible::english() : bible::spanish();
-}
-
-QString verseOf(const QString& language, int book, int chapter, int verse)
-{
-    return bibleFor(language).books.at(book).toArray().at(chapter - 1).toArray().at(verse - 1).toString();
 }
 
 } // namespace
@@ -43,20 +34,16 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QList<int>>("ref"); // book, chapter, verse, end verse
-        // Names alone are covered by bookTable; these rows are about how people type them.
         QTest::newRow("GÉNESIS upper case, accent, dot") << "GÉNESIS 1.1" << QList<int>{Genesis, 1, 1, 1};
         QTest::newRow("gn comma") << "gn 1,1" << QList<int>{Genesis, 1, 1, 1};
         QTest::newRow("Is is not a Roman one") << "Is 53:5" << QList<int>{Isaiah, 53, 5, 5};
         QTest::newRow("I Juan Roman") << "I Juan 1:9" << QList<int>{John1, 1, 9, 9};
         QTest::newRow("III Juan") << "III Juan 1:4" << QList<int>{John3, 1, 4, 4};
         QTest::newRow("ii reyes whole chapter") << "ii reyes 2" << QList<int>{Kings2, 2, 0, 0};
-        QTest::newRow("1 Co range") << "1 Co 13:4-7" << QList<int>{Corinthians1, 13, 4, 7};
         QTest::newRow("1co glued to the chapter") << "1co13" << QList<int>{Corinthians1, 13, 0, 0};
         QTest::newRow("en dash range") << QStringLiteral("Salmos 23:1\u20133") << QList<int>{Psalms, 23, 1, 3};
-        QTest::newRow("hyphen range with blanks") << "Romanos 8 : 28 - 30" << QList<int>{Romans, 8, 28, 30};
+        QTest::newRow("range, tabs and blanks") << "\tRomanos 8 : 28 - 30 " << QList<int>{Romans, 8, 28, 30};
         QTest::newRow("reversed range passes") << "Rom 8:28-20" << QList<int>{Romans, 8, 28, 20};
-        QTest::newRow("tabs and blanks") << "\tjuan    3:16 " << QList<int>{John, 3, 16, 16};
-        QTest::newRow("no blank before chapter") << "Juan3:16" << QList<int>{John, 3, 16, 16};
         QTest::newRow("chapter overflows an int") << "Juan 99999999999:1" << QList<int>{John, 0, 1, 1};
         QTest::newRow("ju resolves by the longest candidate") << "ju 1:1" << QList<int>{Judges, 1, 1, 1};
         QTest::newRow("he exact beats the earlier hechos") << "he 11:1" << QList<int>{Hebrews, 11, 1, 1};
@@ -73,71 +60,16 @@ private Q_SLOTS:
         QTEST((QList<int>{ref.book, ref.chapter, ref.verse, ref.endVerse}), "ref");
     }
 
-    // Every alias and both names of every row, typed with a chapter, must find that row (a typo or an
-    // alias shared by two books would send a reference to the wrong book), and be written back.
-    void bookTable()
+    void format()
     {
-        const auto& table = bible::books();
-        QSet<QByteArray> codes;
-        for (int i = 0; i < int(table.size()); ++i) {
-            const auto& book = table[std::size_t(i)];
-            const QString alias = QString::fromUtf8(book.aliases);
-            QCOMPARE(bible::normalise(alias), alias);
-            const QStringList names = alias.split(u'|') << book.spanish << book.english;
-            for (const QString& name : names) {
-                QVERIFY2(name == name.trimmed() && !name.isEmpty(), qPrintable(name));
-                QVERIFY2(bible::parse(name + " 2:3").book == i, qPrintable(name));
-            }
-            // Only exactly "es" is Spanish.
-            QCOMPARE(bible::formatRef({i, 2, 3, 3}, "es"), QString::fromUtf8(book.spanish) + " 2:3");
-            QCOMPARE(bible::formatRef({i, 2, 3, 3}, "ES"), QString::fromUtf8(book.english) + " 2:3");
-            QVERIFY2(qstrlen(book.code) == 3 && !codes.contains(book.code), book.code); // the online service's
-            codes.insert(book.code);
-        }
-        const auto formatted = [](const char* typed) { return bible::formatRef(bible::parse(typed), "es"); };
+        const auto formatted = [](const char* typed, const QString& language = "es") {
+            return bible::formatRef(bible::parse(typed), language);
+        };
         QCOMPARE(formatted("1 Co 13:4\u20137"), "1 Corintios 13:4-7"); // an en dash written as a hyphen
         QCOMPARE(formatted("Salmo 23"), "Salmos 23");
         QCOMPARE(formatted("Rom 8:28-20"), "Romanos 8:28"); // a reversed end is dropped
+        QCOMPARE(formatted("Juan 3:16", "ES"), "John 3:16");  // only exactly "es" is Spanish
         QCOMPARE(formatted("Genesis"), "");
-    }
-
-    // Both Bibles carry the KJV versification, verse for verse, and plain text only: whatever the source
-    // modules carried around the words (tags, Strong's numbers, pilcrows, verse numbers, stray blanks) is gone.
-    void builtIn_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<QString>("id");
-        QTest::addColumn<QString>("name");
-        QTest::newRow("English") << "en" << "KJV" << "King James Version";
-        QTest::newRow("Spanish") << "es" << "RV1909" << "Reina-Valera 1909";
-    }
-
-    void builtIn()
-    {
-        QFETCH(QString, language);
-        const bible::Local& bible = bibleFor(language);
-        QVERIFY(bible.valid);
-        QTEST(bible.id, "id");
-        QTEST(bible.name, "name");
-        QCOMPARE(bible.language, language);
-        static const QRegularExpression forbidden(QStringLiteral("[<>¶\\\\{}&\\d]|\\s\\s|^\\s|\\s$|\\s[,.;:?!]"));
-        const QJsonArray& english = bible::english().books;
-        int verses = 0;
-        for (int b = 0; b < 66; ++b)
-            for (int c = 0; c < bible.books.at(b).toArray().size(); ++c) {
-                const QJsonArray chapter = bible.books.at(b).toArray().at(c).toArray();
-                QVERIFY(!chapter.isEmpty() && chapter.size() == english.at(b).toArray().at(c).toArray().size());
-                for (const QJsonValue& verse : chapter) {
-                    const QRegularExpressionMatch hit = forbidden.match(verse.toString());
-                    QVERIFY2(!verse.toString().isEmpty() && !hit.hasMatch(), qPrintable(verse.toString()));
-                    ++verses;
-                }
-            }
-        QCOMPARE(verses, 31102);
-        // Spot checks: a long title gone, a verse the Spanish source numbers the Hebrew way back on KJV's.
-        QCOMPARE(verseOf("en", 18, 3, 1),
-                 "LORD, how are they increased that trouble me! many are they that rise up against me.");
-        QCOMPARE(verseOf("es", 17, 40, 6), "Entonces respondió Jehová á Job desde la oscuridad, y dijo:");
     }
 
     // A missing or damaged document leaves the Bible empty and not valid, and never throws.
@@ -151,8 +83,8 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(QStringLiteral(VELMORA_TEST_OUTPUT)));
         QFile::remove(path);
         QCOMPARE(bible::Local(path).books.size(), 0);
-        for (const QByteArray& contents : {original.read(4096), qCompress(QJsonDocument(QJsonObject{
-                                               {"id", "KJV"}, {"books", books}}).toJson())}) {
+        for (const QByteArray& contents :
+             {original.read(4096), qCompress(QJsonDocument(QJsonObject{{"id", "KJV"}, {"books", books}}).toJson())}) {
             QFile file(path);
             QVERIFY(file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size());
             file.close();
@@ -169,21 +101,19 @@ private Q_SLOTS:
         QTest::addColumn<int>("first");        // the verses shown, of the chapter named; 0 for an error
         QTest::addColumn<int>("last");
         QTest::addColumn<QString>("outcome"); // the reference shown, or the error message
-        QTest::newRow("whole psalm, the longest chapter") << "Salmos 119" << "es" << 1 << 176 << "Salmos 119 · RV1909";
+        QTest::newRow("whole chapter") << "Juan 3" << "es" << 1 << 36 << "Juan 3 · RV1909";
         QTest::newRow("one verse comes bare") << "Juan 3:16" << "es" << 16 << 16 << "Juan 3:16 · RV1909";
         QTest::newRow("range stops at chapter end") << "Juan 3:16-999" << "es" << 16 << 36 << "Juan 3:16-999 · RV1909";
         QTest::newRow("last verse to past the end") << "Juan 3:36-999" << "es" << 36 << 36 << "Juan 3:36-999 · RV1909";
         QTest::newRow("range of one is one verse") << "Juan 3:16-16" << "es" << 16 << 16 << "Juan 3:16 · RV1909";
         QTest::newRow("Spanish name, English Bible") << "Juan 3:16-18" << "en" << 16 << 18 << "John 3:16-18 · KJV";
-        QTest::newRow("last verse of all") << "Rev 22:21" << "en" << 21 << 21 << "Revelation 22:21 · KJV";
         const QString unknown = QStringLiteral("Cita no reconocida. Ejemplo: Juan 3:16 o Salmos 23");
         const QString missing = QStringLiteral("Esa cita no existe en la Biblia");
         QTest::newRow("book without chapter") << "Genesis" << "en" << 0 << 0 << unknown;
         QTest::newRow("chapter 0") << "Juan 0:1" << "es" << 0 << 0 << unknown;
-        QTest::newRow("no such chapter") << "Juan 99" << "es" << 0 << 0 << missing;
+        QTest::newRow("no such chapter") << "Juan 22" << "es" << 0 << 0 << missing;
         QTest::newRow("verse past the end") << "Juan 3:37-40" << "es" << 0 << 0 << missing;
         QTest::newRow("range runs backwards") << "Rom 8:28-20" << "es" << 0 << 0 << missing;
-        QTest::newRow("Abdías 2 has one chapter") << "Abdías 2" << "es" << 0 << 0 << missing;
         QTest::newRow("Bible did not load") << "Juan 3:16" << "none" << 0 << 0 << "Biblia incluida no disponible";
         // The operator's typing mistake is named even when the Bible is missing too.
         QTest::newRow("bad reference, no Bible") << "xyz" << "none" << 0 << 0 << unknown;
@@ -206,10 +136,10 @@ private Q_SLOTS:
             QCOMPARE(first, 0);
             return;
         }
+        const QJsonArray chapter = bibleFor(language).books.at(ref.book).toArray().at(ref.chapter - 1).toArray();
         QStringList expected;
         for (int n = first; n <= last; ++n)
-            expected << (first == last ? QString() : QString::number(n) + u' ') +
-                            verseOf(language, ref.book, ref.chapter, n);
+            expected << (first == last ? QString() : QString::number(n) + u' ') + chapter.at(n - 1).toString();
         QVERIFY(first > 0);
         QCOMPARE(passage.text, expected.join(u' '));
         QCOMPARE(passage.reference, outcome);
