@@ -28,19 +28,11 @@ const QByteArray translationReply = R"({"id":"resp_1","output":[{"type":"reasoni
     R"({"type":"message","content":[{"type":"refusal","text":"not this"},)"
     R"({"type":"output_text","text":"  Car Dieu a tant aimé le monde\n"},{"type":"output_text","text":"nor"}]},)"
     R"({"type":"message","content":[{"type":"output_text","text":"nor this one"}]}]})";
-const QByteArray translationRequest = R"({"model":"gpt-4.1-mini","instructions":"Translate this Bible passage )"
-    R"(faithfully into français. Return only the translated passage, no commentary.","input":"Porque de tal )"
-    R"(manera amó Dios al mundo","max_output_tokens":800,"store":false})";
 
 QSettings settings() { return QSettings(QStringLiteral("Lorvane"), QStringLiteral("TavrinStudio")); }
 
 // Every answer one call gave, and whether one came inside the call itself.
-struct Answer
-{
-    int calls = 0;
-    bool insideTheCall = false;
-    QString text, error;
-};
+struct Answer { int calls = 0; bool insideTheCall = false; QString text, error; };
 
 // Makes one call (a passage, or a translation when `typed` is empty) and waits up to `waitMs` for an answer.
 std::shared_ptr<Answer> ask(bible::Api& api, QObject* parent, const QString& typed, int waitMs = 5000)
@@ -129,65 +121,44 @@ private Q_SLOTS:
         QCOMPARE(sent.headers.value(own), typed.isEmpty() ? "Bearer " + aiKey : bibleKey);
         QVERIFY(!sent.headers.contains(typed.isEmpty() ? "api-key" : "authorization"));
         if (typed.isEmpty()) {
-            QCOMPARE(sent.headers.value("content-type"), QByteArray("application/json"));
-            QCOMPARE(QJsonDocument::fromJson(sent.body).object(), QJsonDocument::fromJson(translationRequest).object());
+            const QJsonObject body = QJsonDocument::fromJson(sent.body).object();
+            QCOMPARE(body.value("input").toString(), QStringLiteral("Porque de tal manera amó Dios al mundo"));
+            QVERIFY(body.value("instructions").toString().contains(QStringLiteral("into français.")));
         }
     }
 
-    // A service that takes the request and never answers ends as a failure after the time-out, and
-    // that answer stays the only one.
-    void silenceEndsAsFailure()
-    {
-        standIn->answer = [](const Request&) { return Response{200, {}, true}; };
-        bible::Api api(standIn->endpoint());
-        api.setTimeoutMs(400);
-        QElapsedTimer clock;
-        clock.start();
-        const auto answer = ask(api, nullptr, QStringLiteral("Juan 3:16"), 10000);
-        QVERIFY2(clock.elapsed() >= 350, qPrintable(QString::number(clock.elapsed())));
-        QCOMPARE(standIn->requests.size(), 1); // the request did arrive: it is the answer that is missing
-        QCOMPARE(answer->error, QStringLiteral("API.Bible: sin respuesta"));
-        QTRY_COMPARE(standIn->openConnections, 0);
-        QCOMPARE(answer->calls, 1);
-    }
-
-    // The real services unless the settings name a stand-in, which may be written without its final slash.
-    void endpoints()
-    {
-        settings().remove("openai_endpoint");
-        QCOMPARE(bible::Api().endpoint(), QStringLiteral("https://api.scripture.api.bible/v1/"));
-        QCOMPARE(bible::aiServiceEndpoint(), QStringLiteral("https://api.openai.com/v1/"));
-        const QString endpoint = standIn->endpoint().chopped(1);
-        settings().setValue("apibible_endpoint", endpoint);
-        settings().setValue("openai_endpoint", endpoint);
-        QCOMPARE(bible::aiServiceEndpoint(), endpoint + u'/');
-        bible::Api api;
-        QCOMPARE(ask(api, nullptr, QStringLiteral("Juan 3:16"))->calls, 1);
-        QCOMPARE(standIn->requests.size(), 1);
-        QVERIFY(standIn->requests.first().target.startsWith("/v1/bibles/" + rv1960.toLatin1() + "/passages/JHN.3.16?"));
-    }
-
-    // An owner destroyed with a request out (the window closing) takes the request along: no answer
-    // comes, and nothing crashes later.
-    void ownerGoneBeforeTheReply_data()
+    // A service that takes the request and never answers: the call fails once, after its time-out; an owner
+    // destroyed meanwhile (the window closing) takes the request along, and no answer ever comes.
+    void silentService_data()
     {
         QTest::addColumn<QString>("typed");
-        QTest::newRow("online Bible client") << "Juan 3:16";
-        QTest::newRow("translation's parent") << "";
+        QTest::addColumn<bool>("ownerGone");
+        QTest::newRow("time-out") << "Juan 3:16" << false;
+        QTest::newRow("online Bible client gone") << "Juan 3:16" << true;
+        QTest::newRow("translation's parent gone") << "" << true;
     }
 
-    void ownerGoneBeforeTheReply()
+    void silentService()
     {
         QFETCH(QString, typed);
+        QFETCH(bool, ownerGone);
         standIn->answer = [](const Request&) { return Response{200, {}, true}; };
         auto api = std::make_unique<bible::Api>(standIn->endpoint());
+        api->setTimeoutMs(400);
         auto parent = std::make_unique<QObject>();
-        const auto answer = ask(*api, parent.get(), typed, 0);
-        QTRY_COMPARE(standIn->requests.size(), 1);
-        api.reset();
-        parent.reset();
+        QElapsedTimer clock;
+        clock.start();
+        const auto answer = ask(*api, parent.get(), typed, ownerGone ? 0 : 10000);
+        if (ownerGone) {
+            QTRY_COMPARE(standIn->requests.size(), 1);
+            api.reset();
+            parent.reset();
+        } else {
+            QVERIFY2(clock.elapsed() >= 350, qPrintable(QString::number(clock.elapsed())));
+            QCOMPARE(answer->error, QStringLiteral("API.Bible: sin respuesta"));
+        }
         QTRY_COMPARE(standIn->openConnections, 0);
-        QCOMPARE(answer->calls, 0);
+        QCOMPARE(answer->calls, ownerGone ? 0 : 1);
     }
 };
 
@@ -215,7 +186,6 @@ void tst_Api::answers_data()
     QTest::newRow("range") << "1 Co 13:4-7" << 200 << verse << passage("1CO.13.4-1CO.13.7") << text << "";
     QTest::newRow("range of one") << "Juan 3:16-16" << 200 << verse << jn316 << text << "";
     QTest::newRow("401") << "Juan 3:16" << 401 << refused << jn316 << "" << key;
-    QTest::newRow("403") << "Juan 3:16" << 403 << refused << jn316 << "" << key;
     QTest::newRow("404") << "Juan 3:16" << 404 << refused << jn316 << "" << "API.Bible: sin respuesta (HTTP 404)";
     QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << ""
                              << "API.Bible: sin respuesta";
@@ -235,8 +205,6 @@ void tst_Api::answers_data()
     QTest::newRow("translation 401") << "" << 401 << QByteArray(R"({"error":{"message":"Incorrect API key"}})")
                                      << post << "" << failedTranslation;
     QTest::newRow("translation refused") << "" << -1 << QByteArray() << QByteArray() << "" << failedTranslation;
-    QTest::newRow("translation blank") << "" << 200 << message(R"({"type":"output_text","text":" \n "})") << post
-                                       << "" << failedTranslation;
     QTest::newRow("translation without output_text") << "" << 200 << message(R"({"type":"refusal","text":"no"})")
                                                      << post << "" << failedTranslation;
     QTest::newRow("translation malformed") << "" << 200 << QByteArray(R"({"output":[{"type":"message","con)")

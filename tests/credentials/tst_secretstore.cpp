@@ -58,17 +58,12 @@ QPair<QString, int> keyringItems(const QString& name)
 // caller, a keyring daemon that has stopped answering.
 bool startSilentSecretService(gstptr::GlibObject<GDBusConnection>& connection)
 {
-    GError* rawError = nullptr;
-    const gstptr::String address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &rawError));
-    gstptr::Error error(rawError);
-    if (!address)
-        return false;
-    connection.reset(g_dbus_connection_new_for_address_sync(
-        address.get(),
-        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &rawError));
-    error.reset(rawError);
+    const gstptr::String address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    connection.reset(address ? g_dbus_connection_new_for_address_sync(
+                                   address.get(), GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                       G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                   nullptr, nullptr, nullptr)
+                             : nullptr);
     if (!connection)
         return false;
     g_dbus_connection_add_filter(
@@ -84,8 +79,7 @@ bool startSilentSecretService(gstptr::GlibObject<GDBusConnection>& connection)
     const gstptr::Variant reply(g_dbus_connection_call_sync(
         connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
         g_variant_new("(su)", "org.freedesktop.secrets", doNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
-        5000, nullptr, &rawError));
-    error.reset(rawError);
+        5000, nullptr, nullptr));
     guint32 result = 0;
     if (reply)
         g_variant_get(reply.get(), "(u)", &result);
@@ -100,12 +94,9 @@ bool inParent(const QString& peer)
     const ChildBus bus = peer == keyring ? ChildBus::Keyring : peer == silentService ? ChildBus::Empty
                          : peer == busNowhere ? ChildBus::Nowhere : ChildBus::None;
     const ChildOutcome outcome = runCaseInChild(QStringLiteral(VELMORA_TEST_OUTPUT), peerVariable, peer, bus);
-    [&] {
-        QVERIFY2(outcome.passed, qPrintable(outcome.report));
-        // Without any Secret Service the store stays silent: no warning reaches the terminal.
-        if (peer == noBus || peer == busNowhere)
-            QVERIFY2(outcome.errors.trimmed().isEmpty(), qPrintable(outcome.report));
-    }();
+    // Without any Secret Service the store stays silent: no warning reaches the terminal.
+    QTest::qVerify(outcome.passed && (outcome.errors.trimmed().isEmpty() || peer == keyring || peer == silentService),
+                   "outcome", qPrintable(outcome.report), __FILE__, __LINE__);
     return true;
 }
 
@@ -230,9 +221,7 @@ void tst_SecretStore::fileServesAlone_data()
                                             << QByteArray(R"({"apibible":"b","openai":"k1"})");
     QTest::newRow("entry removed") << noBus << QByteArray(R"({"openai":"old","apibible":"b"})") << 0644
                                    << QString() << QByteArray(R"({"apibible":"b"})");
-    // A file that is no JSON object reads as no secrets and is written over.
-    QTest::newRow("cut short") << noBus << QByteArray(R"({"openai":"sk-12)") << 0600 << "k1" << k1;
-    QTest::newRow("array") << noBus << QByteArray(R"(["openai","sk-123"])") << 0600 << "k1" << k1;
+    QTest::newRow("cut short JSON is written over") << noBus << QByteArray(R"({"openai":"sk-12)") << 0600 << "k1" << k1;
 }
 
 QTEST_GUILESS_MAIN(tst_SecretStore)
