@@ -3,10 +3,7 @@
 #include "Passage.h"
 #include "Reference.h"
 
-#include <QDir>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTest>
 
 #include <stdexcept>
@@ -14,7 +11,7 @@
 namespace {
 
 // Book indices, so the tables read as references.
-enum : int { Genesis = 0, Judges = 6, Kings2 = 11, Psalms = 18, Isaiah = 22, Zephaniah = 35, John = 42, Romans = 44,
+enum : int { Genesis = 0, Judges = 6, Psalms = 18, Isaiah = 22, Zephaniah = 35, John = 42, Romans = 44,
              Corinthians1 = 45, Hebrews = 57, John1 = 61, John3 = 63 };
 
 const bible::Local& bibleFor(const QString& language)
@@ -35,21 +32,17 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<QList<int>>("ref"); // book, chapter, verse, end verse
         QTest::newRow("GÉNESIS upper case, accent, dot") << "GÉNESIS 1.1" << QList<int>{Genesis, 1, 1, 1};
-        QTest::newRow("gn comma") << "gn 1,1" << QList<int>{Genesis, 1, 1, 1};
         QTest::newRow("Is is not a Roman one") << "Is 53:5" << QList<int>{Isaiah, 53, 5, 5};
         QTest::newRow("I Juan Roman") << "I Juan 1:9" << QList<int>{John1, 1, 9, 9};
-        QTest::newRow("III Juan") << "III Juan 1:4" << QList<int>{John3, 1, 4, 4};
-        QTest::newRow("ii reyes whole chapter") << "ii reyes 2" << QList<int>{Kings2, 2, 0, 0};
+        QTest::newRow("iii juan, whole chapter") << "iii juan 1" << QList<int>{John3, 1, 0, 0};
         QTest::newRow("1co glued to the chapter") << "1co13" << QList<int>{Corinthians1, 13, 0, 0};
         QTest::newRow("en dash range") << QStringLiteral("Salmos 23:1\u20133") << QList<int>{Psalms, 23, 1, 3};
         QTest::newRow("range, tabs and blanks") << "\tRomanos 8 : 28 - 30 " << QList<int>{Romans, 8, 28, 30};
-        QTest::newRow("reversed range passes") << "Rom 8:28-20" << QList<int>{Romans, 8, 28, 20};
         QTest::newRow("chapter overflows an int") << "Juan 99999999999:1" << QList<int>{John, 0, 1, 1};
         QTest::newRow("ju resolves by the longest candidate") << "ju 1:1" << QList<int>{Judges, 1, 1, 1};
         QTest::newRow("he exact beats the earlier hechos") << "he 11:1" << QList<int>{Hebrews, 11, 1, 1};
         QTest::newRow("ze ties, the first book met wins") << "ze 1:1" << QList<int>{Zephaniah, 1, 1, 1};
-        for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Maccabees 1:1", "3:16", "Juan 3:16:17",
-                                "iiii juan 1:1"})
+        for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Maccabees 1:1", "Juan 3:16:17", "iiii juan 1:1"})
             QTest::newRow(bad) << bad << QList<int>{-1, 0, 0, 0};
     }
 
@@ -72,28 +65,6 @@ private Q_SLOTS:
         QCOMPARE(formatted("Genesis"), "");
     }
 
-    // A missing or damaged document leaves the Bible empty and not valid, and never throws.
-    void damagedDocument()
-    {
-        QJsonArray books = bible::english().books;
-        books.removeLast();
-        QFile original(QStringLiteral(":/bible-es-rv1909.qz"));
-        QVERIFY(original.open(QIODevice::ReadOnly));
-        const QString path = QStringLiteral(VELMORA_TEST_OUTPUT "/bible-damaged.qz");
-        QVERIFY(QDir().mkpath(QStringLiteral(VELMORA_TEST_OUTPUT)));
-        QFile::remove(path);
-        QCOMPARE(bible::Local(path).books.size(), 0);
-        for (const QByteArray& contents :
-             {original.read(4096), qCompress(QJsonDocument(QJsonObject{{"id", "KJV"}, {"books", books}}).toJson())}) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size());
-            file.close();
-            const bible::Local bible(path);
-            QVERIFY(!bible.valid);
-            QCOMPARE(bible.books.size(), contents.size() == 4096 ? 0 : 65);
-        }
-    }
-
     void lookup_data()
     {
         QTest::addColumn<QString>("typed");
@@ -105,7 +76,6 @@ private Q_SLOTS:
         QTest::newRow("one verse comes bare") << "Juan 3:16" << "es" << 16 << 16 << "Juan 3:16 · RV1909";
         QTest::newRow("range stops at chapter end") << "Juan 3:16-999" << "es" << 16 << 36 << "Juan 3:16-999 · RV1909";
         QTest::newRow("last verse to past the end") << "Juan 3:36-999" << "es" << 36 << 36 << "Juan 3:36-999 · RV1909";
-        QTest::newRow("range of one is one verse") << "Juan 3:16-16" << "es" << 16 << 16 << "Juan 3:16 · RV1909";
         QTest::newRow("Spanish name, English Bible") << "Juan 3:16-18" << "en" << 16 << 18 << "John 3:16-18 · KJV";
         const QString unknown = QStringLiteral("Cita no reconocida. Ejemplo: Juan 3:16 o Salmos 23");
         const QString missing = QStringLiteral("Esa cita no existe en la Biblia");
@@ -156,11 +126,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("reference");
         const QString es = QStringLiteral("Juan 3:16 · RV1909"), en = QStringLiteral("John 3:16 · KJV");
         QTest::newRow("auto Español") << "auto" << "Español" << "es" << es;
-        QTest::newRow("auto Inglés") << "auto" << "Inglés" << "en" << en;
-        QTest::newRow("auto trimmed, by prefix") << "auto" << "  english (US) " << "en" << en;
+        QTest::newRow("auto trimmed, by prefix") << "auto" << "  Inglés (US) " << "en" << en;
         QTest::newRow("auto Français") << "auto" << "Français" << "other:français" << es;
         QTest::newRow("empty choice is auto") << "" << "Spanish" << "es" << es;
-        QTest::newRow("api") << "api" << "English" << "api" << es;
+        QTest::newRow("english") << "auto" << "English" << "en" << en;
         QTest::newRow("en over Spanish subtitles") << "en" << "Español" << "en" << en;
     }
 

@@ -77,7 +77,7 @@ bool near(const QImage& image, QPoint p, const QColor& want)
 }
 #define CHECK_COLOUR(image, p, expected) QVERIFY2(near(image, p, expected), qPrintable(QString::number((p).x())))
 
-// Largest red value inside `area`: white text, and nothing of a blue background.
+// White text, and nothing of a blue background.
 int brightest(const QImage& image, const QRect& area)
 {
     int most = 0;
@@ -246,8 +246,7 @@ private Q_SLOTS:
         QTest::addColumn<Options>("output");
         QTest::addColumn<QString>("font");
         const QSize full(1920, 1080); // text above 64 pixels, which Qt fills as paths
-        const QList<Kind> every{Kind::Camera, Kind::Image, Kind::Text,  Kind::Video,
-                                Kind::Screen, Kind::Color, Kind::Verse, Kind::Subtitle};
+        const QList<Kind> every{Kind::Camera, Kind::Image, Kind::Text, Kind::Color, Kind::Verse, Kind::Subtitle};
         const auto captions = [](const char* separator) {
             return captionsOf({"y aquel Verbo fue hecho carne", "y habitó entre nosotros", "lleno de gracia"},
                               separator);
@@ -278,7 +277,6 @@ private Q_SLOTS:
             {.kind = Kind::Image, .opacity = 0.8, .rect = {0.513, 0.071, 0.417, 0.333},
              .image = busyFrame(333, 187, 5, true)},
             {.kind = Kind::Image, .rect = {0.02, 0.6, 0.31, 0.37}, .image = busyFrame(40, 30, 9, false), .cover = true},
-            {.kind = Kind::Video, .rect = {0.8, 0.6, 0.15, 0.15}},
             {.kind = Kind::Color, .rect = {0.6, 0.7, 0.3, 0.2}, .fill = QColor(200, 100, 0, 120)},
             {.kind = Kind::Text, .opacity = 0.7, .rect = {0.1, 0.05, 0.37, 0.13},
              .text = "Anuncios de la semana: reunión de jóvenes el sábado a las 18 h, con cena",
@@ -336,27 +334,6 @@ private Q_SLOTS:
         fast.reset(); // pictures outlive their compositor
         QCOMPARE(largestDifference(kept, keptCopy), 0);
         QCOMPARE(painted.pixelColor(0, 0), QColor(Qt::green));
-    }
-
-    // Every alpha from clear to opaque, and colours that premultiplication rounds, from each input format.
-    void frameFromImage()
-    {
-        QImage source(37, 5, QImage::Format_ARGB32);
-        for (int y = 0; y < 5; ++y)
-            for (int x = 0; x < 37; ++x)
-                source.setPixel(x, y, qRgba((x * 53 + y) & 255, (y * 91 + x * 3) & 255, 255 - x * 5, (x * 7 + y * 40) & 255));
-        for (const auto format : {QImage::Format_ARGB32_Premultiplied, QImage::Format_RGBA8888, QImage::Format_RGB32,
-                                  QImage::Format_RGB888, QImage::Format_RGBA8888_Premultiplied}) {
-            const QImage picture = source.convertToFormat(format);
-            const QImage expected = picture.convertToFormat(QImage::Format_RGBA8888); // RGB888 rows are padded
-            const tavrin::Frame frame = ::frameFromImage(picture);
-            QCOMPARE(QSize(frame.width, frame.height), QSize(37, 5));
-            for (int y = 0; y < 5; ++y)
-                for (int x = 0; x < 37 * 4; ++x)
-                    QVERIFY2(std::abs(frame.pixels[std::size_t(y * 37 * 4 + x)] - expected.constScanLine(y)[x]) <= 1,
-                             qPrintable(QString::number(format)));
-        }
-        QVERIFY(::frameFromImage(QImage()).empty());
     }
 };
 
