@@ -2,7 +2,6 @@
 #include "Reference.h"
 #include "StandInHttpServer.h"
 
-#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
@@ -98,7 +97,7 @@ private Q_SLOTS:
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         QFETCH(QByteArray, request);
-        standIn->answer = [status, body](const Request&) { return Response{status, body, false}; };
+        standIn->answer = [status, body](const Request&) { return Response{status, body, status == 0}; };
         QTcpServer closed; // an endpoint with nothing listening on it
         QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
         const QString endpoint = status >= 0 ? standIn->endpoint()
@@ -106,12 +105,14 @@ private Q_SLOTS:
         closed.close();
         settings().setValue("openai_endpoint", endpoint);
         bible::Api api(endpoint);
+        api.setTimeoutMs(400);
         QObject parent;
         const auto answer = ask(api, &parent, typed);
         QCOMPARE(answer->calls, 1);
         QVERIFY(!answer->insideTheCall);
         QTEST(answer->text, "text");
         QTEST(answer->error, "error");
+        QTRY_COMPARE(standIn->openConnections, 0);
         QCOMPARE(standIn->requests.size(), request.isEmpty() ? 0 : 1);
         if (request.isEmpty())
             return;
@@ -127,45 +128,34 @@ private Q_SLOTS:
         }
     }
 
-    // A service that takes the request and never answers: the call fails once, after its time-out; an owner
-    // destroyed meanwhile (the window closing) takes the request along, and no answer ever comes.
-    void silentService_data()
+    // An owner destroyed with a request out (the window closing) takes the request along: no answer comes,
+    // and nothing crashes later.
+    void ownerGone_data()
     {
         QTest::addColumn<QString>("typed");
-        QTest::addColumn<bool>("ownerGone");
-        QTest::newRow("time-out") << "Juan 3:16" << false;
-        QTest::newRow("online Bible client gone") << "Juan 3:16" << true;
-        QTest::newRow("translation's parent gone") << "" << true;
+        QTest::newRow("online Bible client") << "Juan 3:16";
+        QTest::newRow("translation's parent") << "";
     }
 
-    void silentService()
+    void ownerGone()
     {
         QFETCH(QString, typed);
-        QFETCH(bool, ownerGone);
         standIn->answer = [](const Request&) { return Response{200, {}, true}; };
         auto api = std::make_unique<bible::Api>(standIn->endpoint());
-        api->setTimeoutMs(400);
         auto parent = std::make_unique<QObject>();
-        QElapsedTimer clock;
-        clock.start();
-        const auto answer = ask(*api, parent.get(), typed, ownerGone ? 0 : 10000);
-        if (ownerGone) {
-            QTRY_COMPARE(standIn->requests.size(), 1);
-            api.reset();
-            parent.reset();
-        } else {
-            QVERIFY2(clock.elapsed() >= 350, qPrintable(QString::number(clock.elapsed())));
-            QCOMPARE(answer->error, QStringLiteral("API.Bible: sin respuesta"));
-        }
+        const auto answer = ask(*api, parent.get(), typed, 0);
+        QTRY_COMPARE(standIn->requests.size(), 1);
+        api.reset();
+        parent.reset();
         QTRY_COMPARE(standIn->openConnections, 0);
-        QCOMPARE(answer->calls, ownerGone ? 0 : 1);
+        QCOMPARE(answer->calls, 0);
     }
 };
 
 void tst_Api::answers_data()
 {
     QTest::addColumn<QString>("typed"); // the passage asked for; empty: a translation
-    QTest::addColumn<int>("status");    // -1: nothing listens
+    QTest::addColumn<int>("status");    // -1: nothing listens; 0: never answers
     QTest::addColumn<QByteArray>("body");
     QTest::addColumn<QByteArray>("request"); // what the service is sent; empty: nothing is asked
     QTest::addColumn<QString>("text");
@@ -180,19 +170,16 @@ void tst_Api::answers_data()
     const QString text = QStringLiteral("[16] Porque de tal manera amó Dios al mundo,");
     const QByteArray refused = R"({"statusCode":401,"message":"nope"})", jn316 = passage("JHN.3.16");
     const QString key = QStringLiteral("API.Bible: clave no válida o sin permiso para esa Biblia");
-    const QString noText = QStringLiteral("API.Bible no devolvió texto para esa cita");
     QTest::newRow("whole chapter") << "Juan 3" << 200 << verse << passage("JHN.3") << text << "";
     QTest::newRow("one verse") << "Juan 3:16" << 200 << verse << jn316 << text << "";
     QTest::newRow("range") << "1 Co 13:4-7" << 200 << verse << passage("1CO.13.4-1CO.13.7") << text << "";
     QTest::newRow("range of one") << "Juan 3:16-16" << 200 << verse << jn316 << text << "";
     QTest::newRow("401") << "Juan 3:16" << 401 << refused << jn316 << "" << key;
     QTest::newRow("404") << "Juan 3:16" << 404 << refused << jn316 << "" << "API.Bible: sin respuesta (HTTP 404)";
-    QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << ""
-                             << "API.Bible: sin respuesta";
+    QTest::newRow("silent") << "Juan 3:16" << 0 << QByteArray() << jn316 << "" << "API.Bible: sin respuesta";
+    QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << "" << "API.Bible: sin respuesta";
     QTest::newRow("blank content") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":" \n\t "}})")
-                                   << jn316 << "" << noText;
-    QTest::newRow("malformed JSON") << "Juan 3:16" << 200 << QByteArray(R"({"data":{"content":"Porque de)")
-                                    << jn316 << "" << noText;
+                                   << jn316 << "" << "API.Bible no devolvió texto para esa cita";
     for (const char* invalid : {"xyz 3:16", "Juan 0:16", "Rom 8:28-20"})
         QTest::newRow(invalid) << invalid << 200 << verse << QByteArray() << "" << "Cita no válida";
 
@@ -200,15 +187,12 @@ void tst_Api::answers_data()
     const auto message = [](const QByteArray& content) {
         return R"({"output":[{"type":"message","content":[)" + content + "]}]}";
     };
-    QTest::newRow("translation") << "" << 200 << translationReply
-                                 << post << "Car Dieu a tant aimé le monde" << "";
+    QTest::newRow("translation") << "" << 200 << translationReply << post << "Car Dieu a tant aimé le monde" << "";
     QTest::newRow("translation 401") << "" << 401 << QByteArray(R"({"error":{"message":"Incorrect API key"}})")
                                      << post << "" << failedTranslation;
     QTest::newRow("translation refused") << "" << -1 << QByteArray() << QByteArray() << "" << failedTranslation;
     QTest::newRow("translation without output_text") << "" << 200 << message(R"({"type":"refusal","text":"no"})")
                                                      << post << "" << failedTranslation;
-    QTest::newRow("translation malformed") << "" << 200 << QByteArray(R"({"output":[{"type":"message","con)")
-                                           << post << "" << failedTranslation;
 }
 
 QTEST_GUILESS_MAIN(tst_Api)
