@@ -190,6 +190,17 @@ private Q_SLOTS:
             QCOMPARE(bench.rect(i), i == press.expected && moved ? press.dragged : layers[std::size_t(i)].rect);
         QCOMPARE(bench.calls, moved && !press.key ? QStringList{"changed"} : QStringList());
     }
+
+    // Reported every time, even when nothing changed: the window refreshes its layer list on it.
+    void select()
+    {
+        Bench bench(std::vector<Layer>(3, layer(K::Text, {0.1, 0.1, 0.2, 0.2})), 1);
+        for (const int index : {2, 3, -1})
+            bench.canvas->select(index);
+        bench.canvas->scene = nullptr;
+        bench.canvas->select(0);
+        QCOMPARE(bench.calls, QStringList({"selected 2", "selected -1", "selected -1", "selected -1"}));
+    }
 };
 
 QTEST_MAIN(tst_Canvas)
