@@ -11,7 +11,7 @@
 namespace {
 
 // Book indices, so the tables read as references.
-enum : int { Genesis = 0, Judges = 6, Psalms = 18, Zephaniah = 35, John = 42, Romans = 44, Hebrews = 57, John3 = 63 };
+enum : int { Genesis = 0, Judges = 6, Psalms = 18, Zephaniah = 35, John = 42, Hebrews = 57, John3 = 63 };
 
 const bible::Local& bibleFor(const QString& language)
 {
@@ -30,10 +30,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QList<int>>("ref"); // book, chapter, verse, end verse
-        QTest::newRow("GÉNESIS upper case, accent, dot") << "GÉNESIS 1.1" << QList<int>{Genesis, 1, 1, 1};
         QTest::newRow("iii juan, whole chapter") << "iii juan 1" << QList<int>{John3, 1, 0, 0};
         QTest::newRow("en dash range") << QStringLiteral("Salmos 23:1\u20133") << QList<int>{Psalms, 23, 1, 3};
-        QTest::newRow("range, tabs and blanks, glued") << "\tRomanos8 : 28 - 30 " << QList<int>{Romans, 8, 28, 30};
+        QTest::newRow("GÉNESIS, dot, tabs and blanks, glued") << "\tGÉNESIS1 . 28 - 30 " << QList<int>{Genesis, 1, 28, 30};
         QTest::newRow("chapter overflows an int") << "Juan 99999999999:1" << QList<int>{John, 0, 1, 1};
         QTest::newRow("ju resolves by the longest candidate") << "ju 1:1" << QList<int>{Judges, 1, 1, 1};
         QTest::newRow("he exact beats the earlier hechos") << "he 11:1" << QList<int>{Hebrews, 11, 1, 1};
@@ -51,11 +50,10 @@ private Q_SLOTS:
 
     void format()
     {
-        const auto formatted = [](const char* typed, const QString& language = "es") {
+        const auto formatted = [](const char* typed, const char* language = "es") {
             return bible::formatRef(bible::parse(typed), language);
         };
         QCOMPARE(formatted("1 Co 13:4\u20137"), "1 Corintios 13:4-7"); // an en dash written as a hyphen
-        QCOMPARE(formatted("Salmo 23"), "Salmos 23");
         QCOMPARE(formatted("Rom 8:28-20"), "Romanos 8:28"); // a reversed end is dropped
         QCOMPARE(formatted("Juan 3:16", "ES"), "John 3:16");  // only exactly "es" is Spanish
         QCOMPARE(formatted("Genesis"), "");
@@ -71,7 +69,6 @@ private Q_SLOTS:
         QTest::newRow("whole chapter") << "Juan 3" << "es" << 1 << 36 << "Juan 3 · RV1909";
         QTest::newRow("one verse comes bare") << "Juan 3:16" << "es" << 16 << 16 << "Juan 3:16 · RV1909";
         QTest::newRow("range stops at chapter end") << "Juan 3:16-999" << "es" << 16 << 36 << "Juan 3:16-999 · RV1909";
-        QTest::newRow("last verse to past the end") << "Juan 3:36-999" << "es" << 36 << 36 << "Juan 3:36-999 · RV1909";
         QTest::newRow("Spanish name, English Bible") << "Juan 3:16-18" << "en" << 16 << 18 << "John 3:16-18 · KJV";
         const QString unknown = QStringLiteral("Cita no reconocida. Ejemplo: Juan 3:16 o Salmos 23");
         const QString missing = QStringLiteral("Esa cita no existe en la Biblia");
@@ -79,7 +76,6 @@ private Q_SLOTS:
         QTest::newRow("chapter 0") << "Juan 0:1" << "es" << 0 << 0 << unknown;
         QTest::newRow("no such chapter") << "Juan 22" << "es" << 0 << 0 << missing;
         QTest::newRow("verse past the end") << "Juan 3:37-40" << "es" << 0 << 0 << missing;
-        QTest::newRow("range runs backwards") << "Rom 8:28-20" << "es" << 0 << 0 << missing;
         QTest::newRow("Bible did not load") << "Juan 3:16" << "none" << 0 << 0 << "Biblia incluida no disponible";
         // The operator's typing mistake is named even when the Bible is missing too.
         QTest::newRow("bad reference, no Bible") << "xyz" << "none" << 0 << 0 << unknown;
@@ -121,11 +117,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("language");
         QTest::addColumn<QString>("reference");
         const QString es = QStringLiteral("Juan 3:16 · RV1909"), en = QStringLiteral("John 3:16 · KJV");
-        QTest::newRow("auto Español") << "auto" << "Español" << "es" << es;
         QTest::newRow("auto trimmed, by prefix") << "auto" << "  Inglés (US) " << "en" << en;
         QTest::newRow("auto Français") << "auto" << "Français" << "other:français" << es;
         QTest::newRow("empty choice is auto") << "" << "Spanish" << "es" << es;
-        QTest::newRow("english") << "auto" << "English" << "en" << en;
         QTest::newRow("en over Spanish subtitles") << "en" << "Español" << "en" << en;
     }
 

