@@ -1,5 +1,4 @@
 #include "Api.h"
-#include "Books.h"
 #include "Local.h"
 #include "Passage.h"
 #include "Reference.h"
@@ -7,7 +6,6 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QSettings>
 #include <QTcpServer>
 #include <QTest>
@@ -150,23 +148,11 @@ private Q_SLOTS:
         for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Juan 3:16:17", "iiii juan 1:1"})
             QTest::newRow(bad) << bad << QList<int>{-1, 0, 0, 0};
     }
-
     void parse()
     {
         QFETCH(QString, text);
         const bible::Ref ref = bible::parse(text);
         QTEST((QList<int>{ref.book, ref.chapter, ref.verse, ref.endVerse}), "ref");
-    }
-
-    void format()
-    {
-        const auto formatted = [](const char* typed, const char* language = "es") {
-            return bible::formatRef(bible::parse(typed), language);
-        };
-        QCOMPARE(formatted("1 Co 13:4\u20137"), "1 Corintios 13:4-7"); // an en dash written as a hyphen
-        QCOMPARE(formatted("Rom 8:28-20"), "Romanos 8:28"); // a reversed end is dropped
-        QCOMPARE(formatted("Juan 3:16", "ES"), "John 3:16");  // only exactly "es" is Spanish
-        QCOMPARE(formatted("Genesis"), "");
     }
 
     void lookup_data()
@@ -218,8 +204,9 @@ private Q_SLOTS:
         QCOMPARE(passage.name, outcome.section(QStringLiteral(" · "), 0, 0));
     }
 
-    // The language verses are shown in; the online Bible and the translation start from the Spanish text.
-    void verseLanguage()
+    // The language verses are shown in, and how references are named: the online Bible and the translation
+    // start from the Spanish text.
+    void naming()
     {
         const auto shown = [](const char* choice, const char* translation) {
             const QString language = bible::verseLanguageFor(choice, translation);
@@ -229,6 +216,13 @@ private Q_SLOTS:
         QCOMPARE(shown("auto", "Français"), QStringLiteral("other:français Juan 3:16 · RV1909"));
         QCOMPARE(shown("", "Spanish"), QStringLiteral("es Juan 3:16 · RV1909"));
         QCOMPARE(shown("en", "Español"), QStringLiteral("en John 3:16 · KJV"));
+        const auto formatted = [](const char* typed, const char* language = "es") {
+            return bible::formatRef(bible::parse(typed), language);
+        };
+        QCOMPARE(formatted("1 Co 13:4\u20137"), "1 Corintios 13:4-7"); // an en dash written as a hyphen
+        QCOMPARE(formatted("Rom 8:28-20"), "Romanos 8:28"); // a reversed end is dropped
+        QCOMPARE(formatted("Juan 3:16", "ES"), "John 3:16");  // only exactly "es" is Spanish
+        QCOMPARE(formatted("Genesis"), "");
     }
 };
 

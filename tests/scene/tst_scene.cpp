@@ -211,7 +211,6 @@ private Q_SLOTS:
     void roundTrip()
     {
         const QString path = outputPath("roundtrip.tavrin");
-        QFile::remove(path);
         writeProjectFile(path, writeProject(sampleProject()));
         const QByteArray bytes = readProjectFile(path);
         QCOMPARE(writeProject(readProject(bytes)), bytes); // nothing was lost on the way
@@ -226,7 +225,6 @@ private Q_SLOTS:
     }
 
     void reading_data();
-
     void reading()
     {
         QFETCH(QByteArray, document);
@@ -297,7 +295,6 @@ private Q_SLOTS:
         QTest::newRow("captions hidden on program") << C{.phrases = two, .show = false, .lines = {0, 0, 0}};
         QTest::newRow("placeholder in preview") << C{.preview = true, .lines = {full, full, full}};
     }
-
     void subtitles()
     {
         QFETCH(Captioning, captioning);
@@ -332,7 +329,6 @@ private Q_SLOTS:
         QTest::newRow("an invisible subtitle layer takes them")
             << Finish{.hall = true, .caption = words, .subtitleLayer = true};
     }
-
     void finishingText()
     {
         QFETCH(Finish, finish);
@@ -368,7 +364,6 @@ private Q_SLOTS:
         QTest::newRow("hall, portrait") << Options{.size = {360, 640}, .captions = captions("\n"), .hall = true};
         QTest::newRow("full size") << Options{.size = {1920, 1080}, .captions = captions("\n\n")};
     }
-
     void fastMatchesLiteral()
     {
         QFETCH(Options, output);
@@ -451,7 +446,6 @@ private Q_SLOTS:
         for (const Drag& d : drags)
             QTest::newRow(d.name) << d;
     }
-
     void drag()
     {
         QFETCH(Drag, drag);
@@ -505,7 +499,6 @@ private Q_SLOTS:
         QTest::newRow("double click on empty space") << Press{.initial = 1, .at = {0.95, 0.1}, .twice = true,
                                                               .expected = 1};
     }
-
     void press()
     {
         QFETCH(Press, press);
