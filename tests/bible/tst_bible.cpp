@@ -49,7 +49,7 @@ std::shared_ptr<Answer> ask(bible::Api& api, QObject* parent, const QString& typ
     return answer;
 }
 
-enum : int { Genesis = 0, Judges = 6, Psalms = 18, Zephaniah = 35, John = 42, Hebrews = 57, John3 = 63 };
+enum : int { Genesis = 0, Judges = 6, Psalms = 18, John = 42, Hebrews = 57, John3 = 63 };
 
 const bible::Local& bibleFor(const QString& language)
 {
@@ -65,7 +65,6 @@ class tst_Bible : public QObject
     std::unique_ptr<StandInHttpServer> standIn;
 
 private Q_SLOTS:
-    // The endpoints are steered through the settings, kept in the test's folder.
     void initTestCase() { QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, VELMORA_TEST_OUTPUT "/s"); }
 
     void init()
@@ -144,7 +143,6 @@ private Q_SLOTS:
         QTest::newRow("chapter overflows an int") << "Juan 99999999999:1" << QList<int>{John, 0, 1, 1};
         QTest::newRow("ju resolves by the longest candidate") << "ju 1:1" << QList<int>{Judges, 1, 1, 1};
         QTest::newRow("he exact beats the earlier hechos") << "he 11:1" << QList<int>{Hebrews, 11, 1, 1};
-        QTest::newRow("ze ties, the first book met wins") << "ze 1:1" << QList<int>{Zephaniah, 1, 1, 1};
         for (const char* bad : {"j 3:16", "Genesis", "Romanos 8:28-", "Juan 3:16:17", "iiii juan 1:1"})
             QTest::newRow(bad) << bad << QList<int>{-1, 0, 0, 0};
     }
@@ -204,8 +202,7 @@ private Q_SLOTS:
         QCOMPARE(passage.name, outcome.section(QStringLiteral(" · "), 0, 0));
     }
 
-    // The language verses are shown in, and how references are named: the online Bible and the translation
-    // start from the Spanish text.
+    // Verses shown in one language and named in another; the online Bible starts from the Spanish text.
     void naming()
     {
         const auto shown = [](const char* choice, const char* translation) {
@@ -242,11 +239,10 @@ void tst_Bible::answers_data()
     const QByteArray verse = R"({"data":{"content":"\n     [16] Porque de tal manera\n amó Dios\tal mundo,  \n"}})";
     const QString text = QStringLiteral("[16] Porque de tal manera amó Dios al mundo,");
     const QByteArray refused = R"({"statusCode":401,"message":"nope"})", jn316 = passage("JHN.3.16");
-    const QString key = QStringLiteral("API.Bible: clave no válida o sin permiso para esa Biblia");
     QTest::newRow("one verse") << "Juan 3:16" << 200 << verse << jn316 << text << "";
     QTest::newRow("range") << "1 Co 13:4-7" << 200 << verse << passage("1CO.13.4-1CO.13.7") << text << "";
-    QTest::newRow("range of one") << "Juan 3:16-16" << 200 << verse << jn316 << text << "";
-    QTest::newRow("401") << "Juan 3:16" << 401 << refused << jn316 << "" << key;
+    QTest::newRow("401") << "Juan 3:16" << 401 << refused << jn316 << ""
+                         << "API.Bible: clave no válida o sin permiso para esa Biblia";
     QTest::newRow("404") << "Juan 3:16" << 404 << refused << jn316 << "" << "API.Bible: sin respuesta (HTTP 404)";
     QTest::newRow("silent") << "Juan 3:16" << 0 << QByteArray() << jn316 << "" << "API.Bible: sin respuesta";
     QTest::newRow("refused") << "Juan 3:16" << -1 << QByteArray() << QByteArray() << "" << "API.Bible: sin respuesta";
