@@ -71,13 +71,6 @@ private Q_SLOTS:
     {
         standIn = std::make_unique<StandInHttpServer>();
         QVERIFY(standIn->listen());
-        settings().setValue("openai_endpoint", standIn->endpoint());
-    }
-
-    void cleanup()
-    {
-        standIn.reset();
-        settings().clear();
     }
 
     void answers_data();
@@ -121,6 +114,7 @@ private Q_SLOTS:
     void ownerGone()
     {
         standIn->answer = [](const Request&) { return Response{200, {}, true}; };
+        settings().setValue("openai_endpoint", standIn->endpoint());
         for (const QString& typed : {QStringLiteral("Juan 3:16"), QString()}) {
             auto api = std::make_unique<bible::Api>(standIn->endpoint());
             auto parent = std::make_unique<QObject>();
