@@ -170,10 +170,8 @@ private Q_SLOTS:
         peer.send("error", {{"error", QJsonObject{{"message", "no such model"}}}});
         QTRY_COMPARE(peer.received.size(), 2);
         QCOMPARE(session.statuses.last(), "Modelo en vivo no disponible (no such model); se intenta por turnos.");
-        const QJsonObject second = peer.received[1];
-        const QJsonObject again = second["session"]["audio"]["input"].toObject();
-        QCOMPARE(again["turn_detection"]["type"].toString() + ' ' + again["transcription"]["model"].toString(),
-                 "server_vad gpt-4o-transcribe");
+        const QByteArray again = QJsonDocument(peer.received[1]).toJson(QJsonDocument::Compact);
+        QVERIFY(again.contains(R"("model":"gpt-4o-transcribe")") && again.contains(R"("type":"server_vad")"));
         peer.send("transcription_session.updated");
         QTRY_VERIFY(session.live.ready);
 
@@ -325,11 +323,7 @@ private Q_SLOTS:
                 peer.send("conversation.item.input_audio_transcription.completed", {{"transcript", "Turno"}});
         };
         Session session(false, "es", peer.server.serverPort());
-        session.service.answer = [](const Request& request) {
-            const bool transcribing = request.target.endsWith("transcriptions");
-            return transcribing ? Response{200, transcription(QString::number(request.body.size()))}
-                                : answering(request);
-        };
+        session.service.answer = [](const Request& request) { return answering(request); };
         QTRY_VERIFY(session.live.ready);
         for (const auto& blocks : {blocksOf(1.0, 0.3), blocksOf(0.5, 0.0)})
             for (const tavrin::AudioBlock& block : blocks) {
@@ -396,8 +390,6 @@ private Q_SLOTS:
             << "Traduccion: Limite temporal de la API; se reintenta con el siguiente segmento." << true;
         QTest::newRow("request id is quoted") << QStringList{"ok", "ok", "t:500id"} << all.mid(0, 2)
                                               << failed.arg(500) + " ID: req_42" << true;
-        QTest::newRow("malformed or empty answers pass empty")
-            << QStringList{"t:empty", "t:garbage", "r:garbage"} << QStringList{} << "" << true;
         QTest::newRow("repeated text is dropped") << QStringList{"ok", "t:same", "t:same"}
                                                   << QStringList{"Phrase 0", "¡Amén, amén!"} << "" << true;
         // The two others come back after the session has ended and are passed over.
@@ -430,8 +422,6 @@ private Q_SLOTS:
                     response = Response{429, R"({"error":{"code":"insufficient_quota"}})"};
                 else if (failure == "500id")
                     response.headers = {{"x-request-id", "req_42"}};
-                else if (failure == "garbage" || failure == "empty")
-                    response = Response{200, failure == "empty" ? transcription("  ") : "{\"text\": oops"};
             }
             // Later phrases' failures and repeats come last, so that what went before is settled.
             response.delayMs = step == "slow" ? 400 : step == "t:401" || phrase == 2 ? 200 : 0;
@@ -543,20 +533,8 @@ private Q_SLOTS:
         QCOMPARE(session.statuses.last(), "IA pausada tras 3 horas; inicia otra sesion si corresponde.");
     }
 
-    void captionFit_data()
-    {
-        QTest::addColumn<QStringList>("before");
-        QTest::addColumn<QString>("added");
-        QTest::addColumn<QStringList>("after");
-        const QString words = QString(400, u'x').replace(u'x', "palabra ");
-        QTest::newRow("oldest leaves first") << QStringList{"uno", "dos", "tres"} << "cuatro"
-                                             << QStringList{"tres", "cuatro"};
-        QTest::newRow("a long phrase alone stays") << QStringList{"uno"} << words << QStringList{words};
-    }
     void captionFit()
     {
-        QFETCH(QStringList, before);
-        QFETCH(QString, added);
         SceneDef scene;
         scene.layers.resize(2);
         scene.layers[0].kind = scene.layers[1].kind = Layer::Kind::Subtitle;
@@ -565,9 +543,12 @@ private Q_SLOTS:
         scene.layers[1].rect = QRectF(0.05, 0.6, 0.9, 0.15);
         const Layer* layer = captions::visibleSubtitle(scene);
         QCOMPARE(layer, &scene.layers[1]);
-        QTEST(captions::fit(before, added, captions::separatorFor(1), captions::boxFor(layer, 1920, 1080)), "after");
+        const captions::Box box = captions::boxFor(layer, 1920, 1080);
+        // The oldest lines leave first; a phrase too long for the box stays alone.
+        QCOMPARE(captions::fit({"uno", "dos", "tres"}, "cuatro", "\n", box), QStringList({"tres", "cuatro"}));
+        const QString words = QString(400, u'x').replace(u'x', "palabra ");
+        QCOMPARE(captions::fit({"uno"}, words, "\n", box), QStringList{words});
     }
-
 };
 
 QTEST_MAIN(tst_Translation)
