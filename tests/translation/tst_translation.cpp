@@ -78,7 +78,6 @@ struct Session
         for (const tavrin::AudioBlock& block : blocks)
             engine.feed(block);
     }
-    // Sends phrase n, a WAV of 1600 × (n + 1) samples.
     void sendPhrase(int n)
     {
         engine.cutTimes[engine.nextId] = clockMs;
@@ -152,14 +151,6 @@ class tst_Translation : public QObject
 private Q_SLOTS:
     void initTestCase() { QVERIFY(trustTestCertificate()); }
 
-    void refusedConnection()
-    {
-        // A link that never came up has nothing to hand over: the operator is told, the chunked route goes on.
-        Session session(false, "es", RtmpServer::freePort());
-        QTRY_COMPARE(session.statuses.size(), 2);
-        QVERIFY(session.statuses[1].startsWith("Conexión en vivo falló: ") && !session.live.ready);
-    }
-
     void serviceEvents()
     {
         QtPeer peer;
@@ -192,6 +183,10 @@ private Q_SLOTS:
         peer.socket->abort();
         QTRY_COMPARE(session.statuses.last(), lost);
         QVERIFY(session.statuses.value(session.statuses.size() - 2).startsWith("Conexión en vivo "));
+        // A link that never comes up has nothing to hand over: the operator is told, and no more.
+        session.live.endpoint = QStringLiteral("https://127.0.0.1:%1/v1/").arg(RtmpServer::freePort());
+        session.live.start("sk-test-5e7a-secret", "es", "x");
+        QTRY_VERIFY(session.statuses.last().startsWith("Conexión en vivo falló: "));
     }
 
     void bytesFromTheNetwork_data()
@@ -263,7 +258,6 @@ private Q_SLOTS:
         // A finished sentence ends the turn after 0.15 s of quiet, once two seconds have gone by.
         QTest::newRow("a full stop") << QList<QPointF>{{2.2, 0.3}, {0.16, 0.0}} << "Amén." << 0 << 1 << 0;
         QTest::newRow("no full stop") << QList<QPointF>{{2.2, 0.3}, {0.16, 0.0}} << "Amén" << 0 << 0 << 56640;
-        // Half a second since the last commit is enough to commit again.
         QTest::newRow("half a second") << QList<QPointF>{{0.0001, 0.0}} << "" << 11998 << 1 << 0;
         QTest::newRow("just under half a second") << QList<QPointF>{{0.0001, 0.0}} << "" << 11997 << 0 << 11999;
     }
@@ -325,11 +319,8 @@ private Q_SLOTS:
         Session session(false, "es", peer.server.serverPort());
         session.service.answer = [](const Request& request) { return answering(request); };
         QTRY_VERIFY(session.live.ready);
-        for (const auto& blocks : {blocksOf(1.0, 0.3), blocksOf(0.5, 0.0)})
-            for (const tavrin::AudioBlock& block : blocks) {
-                session.engine.feed(block);
-                QCoreApplication::processEvents(); // the link's replies arrive while the sermon goes on
-            }
+        session.feed(blocksOf(1.0, 0.3));
+        session.feed(blocksOf(0.5, 0.0));
         QTRY_COMPARE(session.captions, QStringList{"Phrase"});
         QVERIFY(session.heard.contains("… pa pa ") && session.heard.contains("Turno"));
 
@@ -361,7 +352,6 @@ private Q_SLOTS:
         QTest::addColumn<int>("decimationAfter");
         QTest::newRow("odd float dropped, next block pairs afresh") << QList<int>{7, 3} << 1 << 1;
         QTest::newRow("decimation carries across blocks") << QList<int>{10, 2} << 2 << 0;
-        // Two seconds of silence are let go; what follows starts a new buffer.
         QTest::newRow("silence is emptied every 2 s") << QList<int>{240000} << 40000 - 32000 << 0;
     }
     void feedRules()
@@ -382,14 +372,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("status");
         QTest::addColumn<bool>("running");
         const QStringList all{"Phrase 0", "Phrase 1", "Phrase 2"};
-        const QString failed =
-            "Transcripcion: No se pudo completar la solicitud. HTTP %1. Revisa conexion y acceso al modelo.";
         QTest::newRow("answers overtake each other") << QStringList{"slow", "ok", "ok"} << all << "" << true;
         QTest::newRow("rate limit passes one number empty")
             << QStringList{"ok", "r:429", "ok"} << QStringList{"Phrase 0", "Phrase 2"}
             << "Traduccion: Limite temporal de la API; se reintenta con el siguiente segmento." << true;
         QTest::newRow("request id is quoted") << QStringList{"ok", "ok", "t:500id"} << all.mid(0, 2)
-                                              << failed.arg(500) + " ID: req_42" << true;
+            << "Transcripcion: No se pudo completar la solicitud. HTTP 500. Revisa conexion y acceso al modelo."
+               " ID: req_42" << true;
         QTest::newRow("repeated text is dropped") << QStringList{"ok", "t:same", "t:same"}
                                                   << QStringList{"Phrase 0", "¡Amén, amén!"} << "" << true;
         // The two others come back after the session has ended and are passed over.
@@ -508,7 +497,6 @@ private Q_SLOTS:
         };
         session.engine.audioRoute = true;
         session.sendPhrase(0);
-        QTRY_COMPARE(session.engine.nextShow, 1);
         QTRY_VERIFY(session.settled());
         QCOMPARE(session.captions, captions);
         QCOMPARE(session.engine.audioRoute, status != 404);
@@ -523,13 +511,12 @@ private Q_SLOTS:
     {
         Session session;
         session.feed(blocksOf(1.0, 0.2, 1600));
-        QVERIFY(!session.engine.pcm.empty());
         session.clockMs += Translation::sessionLimitMs;
         session.feed(blocksOf(0.1, 0.2, 1600));
         QVERIFY(session.engine.running);
         session.clockMs += 1;
         session.feed(blocksOf(0.1, 0.2, 1600));
-        QVERIFY(!session.engine.running && session.engine.pcm.empty());
+        QVERIFY(!session.engine.running);
         QCOMPARE(session.statuses.last(), "IA pausada tras 3 horas; inicia otra sesion si corresponde.");
     }
 
