@@ -1,7 +1,5 @@
 #include "Canvas.h"
-#include "Frame.h"
 #include "Media.h"
-#include "PropertyPanel.h"
 #include "SceneLimits.h"
 #include "StudioWindow.h"
 
@@ -50,17 +48,10 @@ QStringList rows(const QListWidget* list)
 // A layer; a video one has a source of its own, to see when the scene lets it go.
 Layer named(const QString& name, Layer::Kind kind = Layer::Kind::Color)
 {
-    Layer layer;
-    layer.kind = kind;
-    layer.name = name;
+    Layer layer{.kind = kind, .name = name};
     if (kind == Layer::Kind::Video)
         layer.media = std::make_shared<Media>(64, 36, nullptr, std::string(), true, false);
     return layer;
-}
-
-void clickRow(QListWidget* list, int row)
-{
-    QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(list->item(row)).center());
 }
 
 } // namespace
@@ -69,7 +60,6 @@ void clickRow(QListWidget* list, int row)
 class tst_SceneTab : public QObject
 {
     Q_OBJECT
-    QString folder = QStringLiteral(VELMORA_TEST_OUTPUT);
     QProcess xvfb; // a display of its own for the screen capture
 
 private Q_SLOTS:
@@ -79,7 +69,6 @@ private Q_SLOTS:
         QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
         gst_init(nullptr, nullptr);
-        QVERIFY(QDir().mkpath(folder));
         xvfb.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGTERM); }); // ends with this test, even a crash
         xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "320x240x24"});
         QVERIFY(xvfb.waitForReadyRead(10000));
@@ -87,7 +76,7 @@ private Q_SLOTS:
     }
 
     // New, renamed, duplicated (sharing sources), chosen and deleted scenes; the last one stays.
-    void sceneButtons()
+    void sceneButtonsAndSourceMenu()
     {
         StudioWindow window(false);
         window.show();
@@ -96,35 +85,26 @@ private Q_SLOTS:
         press(window, "+ Escena", QStringLiteral("Ofrenda"));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda"}));
         QVERIFY(window.sceneCombo->currentText() == "Ofrenda" && window.canvas->scene == &window.scenes[0][1]);
-
-        Layer picture = named(QStringLiteral("Logo"), Layer::Kind::Image);
-        picture.image = std::make_shared<tavrin::Frame>(4, 2);
-        window.scene().layers = {picture, named(QStringLiteral("Clip"), Layer::Kind::Video)};
+        window.scene().layers = {named(QStringLiteral("Logo")), named(QStringLiteral("Clip"), Layer::Kind::Video)};
         QCOMPARE(press(window, "Renombrar", QStringLiteral("Ofrenda 2")).last(), QStringLiteral("Ofrenda"));
         press(window, "Duplicar");
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2", "Ofrenda 2 copia"}));
-        const std::vector<Layer>& copy = window.scenes[0][2].layers;
-        QVERIFY(copy.at(0).image == picture.image && copy.at(1).media == window.scenes[0][1].layers[1].media);
-        clickRow(window.sceneList, 1);
+        QVERIFY(window.scenes[0][2].layers.at(1).media == window.scenes[0][1].layers[1].media); // shared
+        QTest::mouseClick(window.sceneList->viewport(), Qt::LeftButton, {},
+                          window.sceneList->visualItemRect(window.sceneList->item(1)).center());
         QVERIFY(window.current[0] == 1 && window.sceneCombo->currentIndex() == 1);
         QCOMPARE(rows(window.layerList), (QStringList{"Clip", "Logo"}));
-        const std::weak_ptr<Media> source = window.scene().layers[1].media;
         for (auto answer : {QMessageBox::No, QMessageBox::Yes})
             QCOMPARE(press(window, "Eliminar escena", {}, answer),
                      (QStringList{"Eliminar escena", "¿Eliminar la escena Ofrenda 2?"}));
         QCOMPARE(rows(window.sceneList), (QStringList{"Escena 1", "Ofrenda 2 copia"}));
-        window.scenes[0][1].layers.clear();
-        QTRY_VERIFY(source.expired()); // the pipeline was let go on a worker
         window.scenes[0].pop_back();
         window.refreshSceneList();
         QCOMPARE(press(window, "Eliminar escena"), (QStringList{"Velmora", "Debe quedar al menos una escena"}));
-        QVERIFY(window.statusLabel->text() == "Debe quedar al menos una escena" && window.sceneList->count() == 1);
-    }
+        QCOMPARE(window.sceneList->count(), 1);
 
-    // Each entry adds its kind on top, selected; full lists and a second subtitle source in a scene are refused.
-    void sourceMenu()
-    {
-        StudioWindow window(false);
+        // Each "+ Fuente" entry adds its kind on top, selected; full lists and a second subtitle source are refused.
+        window.scene().layers.resize(1);
         const QString full = QStringLiteral("Esta escena ya tiene el máximo de capas.");
         const QString twice = QStringLiteral("Esta escena ya tiene una fuente de subtítulos.");
         const char* subtitles = "Subtítulos (IA): posición y estilo";
@@ -139,18 +119,13 @@ private Q_SLOTS:
             const std::size_t before = window.scene().layers.size();
             QCOMPARE(press(window, QString::fromUtf8(entry)).value(1), refused);
             QCOMPARE(window.scene().layers.size(), before + refused.isEmpty());
-            if (!refused.isEmpty()) {
-                QCOMPARE(window.statusLabel->text(), refused);
+            if (!refused.isEmpty())
                 continue;
-            }
             const Layer& made = window.scene().layers.back();
-            QCOMPARE(made.kind, kind);
-            QCOMPARE(made.name, Layer::label(kind) + u' ' + QString::number(before + 1));
+            QVERIFY(made.kind == kind && made.name == Layer::label(kind) + u' ' + QString::number(before + 1));
             QVERIFY(window.canvas->selected == int(before) && window.layerList->currentRow() == 0);
-            QVERIFY(window.propertyPanel->findChild<QDoubleSpinBox*>(QStringLiteral("X")));
             if (kind == K::Screen)
-                QCOMPARE(window.statusLabel->text(), QStringLiteral(
-                    "Captura de pantalla añadida. macOS puede pedir permiso de Grabación de pantalla."));
+                QVERIFY(window.statusLabel->text().startsWith(QStringLiteral("Captura de pantalla añadida.")));
         }
         window.scenes[0].resize(maxScenesPerList);
         window.current[0] = 1;
@@ -179,9 +154,8 @@ private Q_SLOTS:
         (new QListWidgetItem(QStringLiteral("D"), list))->setData(Qt::UserRole, std::numeric_limits<int>::max());
         const std::vector<Layer>& layers = window.scene().layers;
         QVERIFY(layers[0].visible && layers[1].visible && !layers[2].visible);
-        clickRow(list, 1);
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(list->item(1)).center());
         QCOMPARE(window.canvas->selected, 1);
-
         const std::weak_ptr<Media> source = window.scene().layers[2].media;
         const QStringList presses{"▲", "▼", "Eliminar", "select", "▲", "▼", "▼", "▼", "▲", "Eliminar"};
         const QStringList after{"ABC -1", "ABC -1", "ABC -1", "ABC 2", "ABC 2",
@@ -200,41 +174,6 @@ private Q_SLOTS:
                 QCOMPARE(list->currentItem()->text(), window.selectedLayer()->name);
         }
         QTRY_VERIFY(source.expired()); // the removed video's pipeline was let go
-    }
-
-    // Box h = 0.4 W / (a H) at most 0.9, then w = a 0.9 H / W (the hall stays 1920 x 1080); RGBA, straight alpha.
-    void pictures()
-    {
-        StudioWindow window(false);
-        using Case = std::tuple<QSize, int, int, QSizeF>; // picture, format, bus, box
-        for (const auto& [size, format, bus, box] : {Case{{8, 1}, 0, 0, {0.4, 0.0888889}},
-                 Case{{1, 8}, 0, 0, {0.0632813, 0.9}}, Case{{1, 8}, 1, 0, {0.2, 0.9}},
-                 Case{{1, 8}, 1, 1, {0.0632813, 0.9}},
-                 Case{{8193, 10}, 0, 0, {}}, Case{{10, 8193}, 0, 0, {}}, Case{{0, 1}, 0, 0, {}}}) {
-            window.formatCombo->setCurrentIndex(format);
-            window.busChosen(bus);
-            const QString path = folder + QStringLiteral("/picture-%1x%2.png").arg(size.width()).arg(size.height());
-            QImage image(size, QImage::Format_ARGB32);
-            image.fill(QColor(0, 0, 255));
-            image.setPixelColor(image.width() - 1, image.height() - 1, QColor(200, 100, 50, 128));
-            QVERIFY(size.width() ? image.save(path, "PNG") : QFile(path).open(QIODevice::WriteOnly));
-            const std::size_t before = window.scene().layers.size();
-            if (box.isEmpty()) {
-                QVERIFY_THROWS_EXCEPTION(std::runtime_error, window.addImageLayer(path));
-                QCOMPARE(window.scene().layers.size(), before);
-                continue;
-            }
-            window.addImageLayer(path);
-            const Layer& made = window.scene().layers.back();
-            QVERIFY(made.kind == Layer::Kind::Image && made.path == path && made.rect.topLeft() == QPointF(0.55, 0.05));
-            QVERIFY2(qAbs(made.rect.width() - box.width()) < 1e-6 && qAbs(made.rect.height() - box.height()) < 1e-6,
-                     qPrintable(QString::asprintf("%.9g x %.9g", made.rect.width(), made.rect.height())));
-            const std::vector<std::uint8_t>& pixels = made.image->pixels;
-            QCOMPARE(pixels.size(), std::size_t(size.width() * size.height() * 4));
-            QCOMPARE(QColor(pixels[0], pixels[1], pixels[2], pixels[3]), QColor(0, 0, 255));
-            const std::uint8_t* last = pixels.data() + pixels.size() - 4;
-            QCOMPARE(QColor(last[0], last[1], last[2], last[3]), QColor(200, 100, 50, 128));
-        }
     }
 };
 
