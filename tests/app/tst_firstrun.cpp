@@ -1,7 +1,6 @@
 #include "ChildCase.h"
 #include "SecretStore.h"
 #include "StudioWindow.h"
-#include "i18n.h"
 
 #include <QTest>
 #include <QtWidgets>
@@ -15,20 +14,6 @@ bool whenStarted(const std::function<void(QWidget*)>& step)
     bool ran = false;
     QTimer::singleShot(0, [&] { step(QApplication::activeModalWidget()), ran = true; });
     return QTest::qWaitFor([&] { return ran; });
-}
-// The Spanish texts with an English one of their own still shown by a widget's labels, buttons and tabs.
-QStringList spanishIn(const QWidget* root)
-{
-    QStringList texts{root->windowTitle()}, found;
-    for (const QWidget* widget : root->findChildren<QWidget*>())
-        texts << widget->property("text").toString();
-    for (const QTabBar* bar : root->findChildren<QTabBar*>())
-        for (int index = 0; index < bar->count(); ++index)
-            texts << bar->tabText(index);
-    for (auto row = tavrin_i18n::english().cbegin(); row != tavrin_i18n::english().cend(); ++row)
-        if (row.key() != row.value() && !texts.filter(row.key()).isEmpty())
-            found << row.key();
-    return found;
 }
 } // namespace
 
@@ -96,23 +81,6 @@ private Q_SLOTS:
                 qobject_cast<QDialog*>(modal)->reject();
         }));
         QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused);
-    }
-
-    // In English the window and the wizard show no Spanish text that has an English one.
-    void englishShellHasNoSpanish()
-    {
-        tavrin_i18n::language() = u"en"_s;
-        QSettings().remove(u"onboarding_complete"_s);
-        StudioWindow window(false);
-        window.show();
-        QStringList spanish;
-        QVERIFY(whenStarted([&](QWidget* modal) {
-            spanish << spanishIn(modal);
-            qobject_cast<QDialog*>(modal)->reject();
-        }));
-        spanish << spanishIn(&window);
-        tavrin_i18n::language() = u"es"_s;
-        QVERIFY2(spanish.isEmpty(), qPrintable(spanish.join(u" | "_s)));
     }
 };
 

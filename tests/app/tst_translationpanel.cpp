@@ -122,12 +122,9 @@ private Q_SLOTS:
         if (!running)
             return;
         QCOMPARE(standIn->requests[0].headers.value("authorization"), "Bearer " + aiKey.toUtf8());
-        // A new speech replaces what is left of the former one; pausing empties the screens and the voice.
-        window->translation.voiceAudio(QByteArray(48000, '\x10'));
+        window->translation.voiceAudio(QByteArray(48000, '\x10')); // a new speech replaces what is left
         window->translation.voiceAudio(QByteArray(4800, '\x10'));
         QCOMPARE(window->voiceAudio.size(), std::size_t(4800 / 2 * 4));
-        press(u"Pausar traducción"_s);
-        QVERIFY(!window->translation.running && window->voiceAudio.empty());
     }
 
     void captions_data() // separator, phrases, act after them; shown 0: nothing, 1: all bright, 2: the newest alone
