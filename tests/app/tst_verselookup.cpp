@@ -220,7 +220,6 @@ private Q_SLOTS:
         QCOMPARE(readSecretFile(u"apibible"_s), QString());
         QCOMPARE(window->onlineBibleCombo->currentIndex(), 0);
         QCOMPARE(stored(), rv1960);
-        QCOMPARE(QSettings().value(u"apibible_name"_s).toString(), u"Reina Valera 1960 (RVR60)"_s);
         list(u" "_s + bibleKey + u" "_s, true, u"Biblias disponibles: 2"_s, 3);
         QCOMPARE(readSecretFile(u"apibible"_s), bibleKey);
         list(QString(), false, u"Biblias disponibles: 2"_s, 4); // from the secret store
