@@ -128,28 +128,25 @@ private Q_SLOTS:
         QCOMPARE(window->voiceAudio.size(), std::size_t(4800 / 2 * 4));
     }
 
-    void captions_data() // separator, phrases, act after them; shown 0: nothing, 1: all bright, 2: the newest alone
+    void captions_data() // separator, act after three phrases; shown 0: nothing, 1: all bright, 2: the newest alone
     {
         QTest::addColumn<int>("separator");
-        QTest::addColumn<int>("count");
         QTest::addColumn<QString>("act");
         QTest::addColumn<int>("shown");
-        QTest::newRow("each on its line") << 1 << 3 << "" << 2;
-        QTest::newRow("one after the other") << 0 << 3 << "" << 1;
-        QTest::newRow("39 s after the last phrase") << 1 << 2 << "39" << 2;
-        QTest::newRow("40 s after the last phrase") << 1 << 2 << "40" << 0;
-        QTest::newRow("screen cleared") << 1 << 2 << "clear" << 0;
-        QTest::newRow("subtitles hidden") << 1 << 2 << "hide" << 0;
+        QTest::newRow("one after the other") << 0 << "" << 1;
+        QTest::newRow("each on its line, 39 s after") << 1 << "39" << 2;
+        QTest::newRow("40 s after the last phrase") << 1 << "40" << 0;
+        QTest::newRow("screen cleared") << 1 << "clear" << 0;
+        QTest::newRow("subtitles hidden") << 1 << "hide" << 0;
     }
     void captions() // changing the separator joins the phrases anew
     {
         QFETCH(int, separator);
-        QFETCH(int, count);
         QFETCH(QString, act);
         QFETCH(int, shown);
         open();
-        for (int i = 0; i < count; ++i)
-            window->translation.caption(u' ' + phrases[i] + u'\n');
+        for (const QString& phrase : phrases)
+            window->translation.caption(u' ' + phrase + u'\n');
         window->translation.caption(u"  "_s);
         window->separatorCombo->setCurrentIndex(separator);
         if (act == "clear"_L1)
@@ -160,7 +157,7 @@ private Q_SLOTS:
             window->lastCaptionMs -= act.toInt() * 1000 + (act == "40"_L1);
         const auto [first, last] = firstAndLastLine(hallPicture());
         const bool kept = shown || act == "hide"_L1;
-        QCOMPARE(window->captionText, kept ? phrases.mid(0, count).join(window->captionSeparator()) : QString());
+        QCOMPARE(window->captionText, kept ? phrases.join(window->captionSeparator()) : QString());
         QVERIFY(shown ? last >= 230 && (shown == 2 ? first < 200 : first >= 230) : first == -1);
     }
 
