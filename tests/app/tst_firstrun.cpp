@@ -1,17 +1,9 @@
 #include "ChildCase.h"
 #include "SecretStore.h"
 #include "StudioWindow.h"
-#include "i18n.h"
 
-#include <QApplication>
-#include <QCheckBox>
-#include <QDir>
-#include <QLineEdit>
-#include <QMessageBox>
-#include <QStandardPaths>
-#include <QTabBar>
 #include <QTest>
-#include <QWizard>
+#include <QtWidgets>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -22,20 +14,6 @@ bool whenStarted(const std::function<void(QWidget*)>& step)
     bool ran = false;
     QTimer::singleShot(0, [&] { step(QApplication::activeModalWidget()), ran = true; });
     return QTest::qWaitFor([&] { return ran; });
-}
-// The Spanish texts with an English one of their own still shown by a widget's labels, buttons and tabs.
-QStringList spanishIn(const QWidget* root)
-{
-    QStringList texts{root->windowTitle()}, found;
-    for (const QWidget* widget : root->findChildren<QWidget*>())
-        texts << widget->property("text").toString();
-    for (const QTabBar* bar : root->findChildren<QTabBar*>())
-        for (int index = 0; index < bar->count(); ++index)
-            texts << bar->tabText(index);
-    for (auto row = tavrin_i18n::english().cbegin(); row != tavrin_i18n::english().cend(); ++row)
-        if (row.key() != row.value() && !texts.filter(row.key()).isEmpty())
-            found << row.key();
-    return found;
 }
 } // namespace
 
@@ -50,13 +28,11 @@ private Q_SLOTS:
         QCoreApplication::setApplicationName(u"TavrinStudio"_s);
         gst_init(nullptr, nullptr);
     }
-
     void wizard_data()
     {
         QTest::addColumn<QString>("key");
         QTest::addColumn<bool>("save");
-        QTest::addColumn<bool>("refused"); // no bus, and a folder where the secrets file should be
-        QTest::newRow("empty key") << "" << true << false;
+        QTest::addColumn<bool>("refused"); // no bus, a folder in the secrets file's place
         QTest::newRow("key kept in memory") << "sk-memory" << false << false;
         QTest::newRow("key in file and keyring") << "sk-kept" << true << false;
         QTest::newRow("failing store keeps the wizard") << "sk-lost" << true << true;
@@ -105,30 +81,6 @@ private Q_SLOTS:
                 qobject_cast<QDialog*>(modal)->reject();
         }));
         QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused);
-    }
-
-    // In English the window, the wizard and the credits show no Spanish text that has an English one.
-    void englishShellHasNoSpanish()
-    {
-        tavrin_i18n::language() = u"en"_s;
-        QSettings().remove(u"onboarding_complete"_s);
-        StudioWindow window(false);
-        window.show();
-        QStringList spanish;
-        QVERIFY(whenStarted([&](QWidget* modal) {
-            spanish << spanishIn(modal);
-            QTimer::singleShot(0, [&] {
-                auto* credits = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-                QVERIFY(credits);
-                spanish << spanishIn(credits);
-                credits->accept();
-            });
-            modal->findChild<QPushButton*>()->click();
-            qobject_cast<QDialog*>(modal)->reject();
-        }));
-        spanish << spanishIn(&window);
-        tavrin_i18n::language() = u"es"_s;
-        QVERIFY2(spanish.isEmpty(), qPrintable(spanish.join(u" | "_s)));
     }
 };
 

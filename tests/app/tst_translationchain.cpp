@@ -7,14 +7,8 @@
 #include "StudioWindow.h"
 #include "TestHome.h"
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QLineEdit>
 #include <QTest>
-#include <QtEndian>
+#include <QtWidgets>
 
 using namespace Qt::Literals::StringLiterals;
 
