@@ -1,5 +1,6 @@
 #include "ChildCase.h"
 #include "SecretStore.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QTest>
@@ -24,9 +25,7 @@ class tst_FirstRun : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(u"Lorvane"_s);
-        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest(false);
     }
     void wizard_data()
     {

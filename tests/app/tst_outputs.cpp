@@ -7,6 +7,7 @@
 #include "Output.h"
 #include "RtmpServer.h"
 #include "SoundServer.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QtTest>
@@ -236,9 +237,7 @@ int main(int argc, char** argv)
 {
     SoundServer::useFolder(folder + u"/runtime"_s); // before the application and GStreamer, for the client library
     QApplication app(argc, argv);
-    QCoreApplication::setOrganizationName(u"Lorvane"_s);
-    QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-    gst_init(nullptr, nullptr);
+    prepareStudioTest();
     if (qEnvironmentVariableIsSet("VELMORA_RECORD_UNTIL_KILLED")) {
         StudioWindow window(false);
         window.take();

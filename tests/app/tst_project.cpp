@@ -4,6 +4,7 @@
 #include "Output.h"
 #include "Picture.h"
 #include "PictureCentre.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QTest>
@@ -75,10 +76,7 @@ class tst_Project : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
         QVERIFY(QDir().mkpath(folder));
         QImage picture(64, 32, QImage::Format_RGB32);
         picture.fill(QColor(10, 200, 30));

@@ -1,6 +1,7 @@
 #include "Canvas.h"
 #include "Media.h"
 #include "SceneLimits.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QTest>
@@ -65,10 +66,7 @@ class tst_SceneTab : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
         xvfb.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGTERM); }); // ends with this test, even a crash
         xvfb.start(QStringLiteral("Xvfb"), {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "320x240x24"});
         QVERIFY(xvfb.waitForReadyRead(10000));

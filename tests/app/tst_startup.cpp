@@ -1,6 +1,7 @@
 #include "DiagnosticLog.h"
 #include "FrameClock.h"
 #include "Startup.h"
+#include "StudioTestSetup.h"
 #include "i18n.h"
 
 #include <QtTest>
@@ -33,9 +34,7 @@ class tst_Startup : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(u"Lorvane"_s);
-        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest(false);
         GST_DEBUG_CATEGORY_INIT(velmoraTestCategory, "velmora-test", 0, "log tests");
         gst_debug_set_default_threshold(GST_LEVEL_WARNING);
         gst_debug_remove_log_function(gst_debug_log_default);

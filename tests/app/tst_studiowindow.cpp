@@ -1,3 +1,4 @@
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 #include "i18n.h"
 
@@ -25,10 +26,7 @@ private Q_SLOTS:
     {
         if (qEnvironmentVariableIsSet("VELMORA_TEST_RESTARTED")) // a restart a window in here asked for
             std::exit(0);
-        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
     }
 
     // A failing handler is shown in the present language and logged.

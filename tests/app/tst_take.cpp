@@ -3,6 +3,7 @@
 #include "Media.h"
 #include "Picture.h"
 #include "PictureCentre.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QTest>
@@ -27,10 +28,7 @@ class tst_Take : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
         QVERIFY(runToEnd("videotestsrc num-buffers=45 ! video/x-raw,width=320,height=180,framerate=30/1 ! "
                          "vp8enc deadline=1 ! webmmux ! filesink location=" + QFile::encodeName(videoFile)));
     }

@@ -2,6 +2,7 @@
 #include "Picture.h"
 #include "SecretStore.h"
 #include "StandInHttpServer.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 #include "TestHome.h"
 #include "TlsTestPeer.h"
@@ -79,9 +80,7 @@ class tst_TranslationPanel : public QObject
 private Q_SLOTS:
     void init()
     {
-        QCoreApplication::setOrganizationName(u"Lorvane"_s);
-        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
         standIn = std::make_unique<StandInHttpServer>();
         QVERIFY(testHome && trustTestCertificate() && standIn->listen());
         QSettings settings;

@@ -3,6 +3,7 @@
 #include "PropertyPanel.h"
 #include "SecretStore.h"
 #include "StandInHttpServer.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 #include "TestHome.h"
 #include "i18n.h"
@@ -86,9 +87,7 @@ class tst_VerseLookup : public QObject
 private Q_SLOTS:
     void init()
     {
-        QCoreApplication::setOrganizationName(u"Lorvane"_s);
-        QCoreApplication::setApplicationName(u"TavrinStudio"_s);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
         standIn = std::make_unique<StandInHttpServer>();
         QVERIFY(testHome && standIn->listen());
         QSettings settings;

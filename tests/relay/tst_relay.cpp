@@ -1,6 +1,7 @@
 #include "MediaProbe.h"
 #include "Output.h"
 #include "RtmpServer.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QLineEdit>
@@ -17,10 +18,7 @@ class tst_Relay : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCoreApplication::setOrganizationName(QStringLiteral("Lorvane"));
-        QCoreApplication::setApplicationName(QStringLiteral("TavrinStudio"));
-        QSettings().setValue(QStringLiteral("onboarding_complete"), true);
-        gst_init(nullptr, nullptr);
+        prepareStudioTest();
     }
     void fanOut_data()
     {
