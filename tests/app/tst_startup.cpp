@@ -12,6 +12,11 @@ using namespace Qt::StringLiterals;
 
 GST_DEBUG_CATEGORY_STATIC(velmoraTestCategory);
 
+// A call of T, a thrown text or a pipeline's error text: its adjacent literals, then each literal.
+static const QRegularExpression call(QStringLiteral(
+    R"re((?:\bT|_error|\bfail|\b(?:error|reason)\s*=)\s*\(?((?:\s*"(?:[^"\\]|\\.)*")+)\s*[);+])re"));
+static const QRegularExpression piece(QStringLiteral(R"re("((?:[^"\\]|\\.)*)")re")), escape(u"\\\\(.)"_s);
+
 static QProcessEnvironment freshEnvironment(const QString& home, const QString& locale)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -115,6 +120,28 @@ private Q_SLOTS:
         const std::int64_t late = start + 3 * period + slip + 1;
         QCOMPARE(clock.advance(late), late);
         QCOMPARE(clock.nextFrameUs, late + period);
+    }
+
+    // Texts passed to T, thrown, or left in a pipeline's error field reach the operator through T.
+    void everyTextInTheCodeHasEnglish()
+    {
+        QStringList missing;
+        int found = 0;
+        for (const char* folder : {"app", "core", "scene", "media", "translation", "bible", "credentials"}) {
+            QDirIterator files(QStringLiteral(VELMORA_SOURCE_DIR "/") + QLatin1String(folder), QDir::Files);
+            while (files.hasNext()) {
+                QFile file(files.next());
+                QVERIFY(file.open(QIODevice::ReadOnly));
+                for (auto match = call.globalMatch(QString::fromUtf8(file.readAll())); match.hasNext(); ++found) {
+                    QString key;
+                    for (auto part = piece.globalMatch(match.next().captured(1)); part.hasNext();)
+                        key += part.next().captured(1);
+                    if (!tavrin_i18n::english().contains(key.replace(u"\\n"_s, u"\n"_s).replace(escape, u"\\1"_s)))
+                        missing << key;
+                }
+            }
+        }
+        QVERIFY2(found > 300 && missing.isEmpty(), qPrintable(u"no English for: "_s + missing.join(u" | "_s)));
     }
 
     // Five lines per call site in a 60 s window; the next window's first line carries the count silenced.

@@ -5,6 +5,7 @@
 #include "ProjectFile.h"
 #include "SceneDef.h"
 #include "SceneLimits.h"
+#include "TextPainting.h"
 #include "i18n.h"
 
 #include <QDir>
@@ -271,13 +272,37 @@ private Q_SLOTS:
                                   {.kind = Kind::Image, .rect = {0, 0, 0.3, 1}},
                                   {.kind = Kind::Video, .rect = {0.3, 0, 0.3, 1}},
                                   {.kind = Kind::Camera, .rect = {0.6, 0, 0.4, 1}}}};
-        const QImage image = compose(scene, {.size = {300, 100}});
+        const QImage image = compose(scene, {.size = {301, 100}});
         CHECK_COLOUR(image, QPoint(45, 50), QColor(55, 55, 55)); // black at alpha 200
         CHECK_COLOUR(image, QPoint(135, 50), QColor(55, 55, 55));
         CHECK_COLOUR(image, QPoint(240, 50), Qt::white);
+        // Box edges fall between pixels here, yet stay sharp: no pixel is half box, half what is below.
+        for (int x = 0; x < image.width(); ++x)
+            QVERIFY2(near(image, {x, 50}, Qt::white) || near(image, {x, 50}, QColor(55, 55, 55)),
+                     qPrintable(QString::number(x)));
         for (const QSize empty : {QSize(0, 100), QSize(100, 0)})
             QVERIFY(Compositor(Mode::Fast).compose(scene, {}, true, empty.width(), empty.height(), false, true,
                                                    captionsOf({"a", "b"}), nullptr, 0).isNull());
+    }
+
+    // The painted part of a picture, as the fast path crops text to it; one pixel may widen any row, the last too.
+    void paintedBounds_data()
+    {
+        QTest::addColumn<QList<QPoint>>("painted");
+        QTest::addColumn<QRect>("bounds"); // within (1, 1, 8, 8)
+        QTest::newRow("nothing") << QList<QPoint>{} << QRect();
+        QTest::newRow("outside only") << QList<QPoint>{{0, 0}, {9, 9}} << QRect();
+        QTest::newRow("last row widest") << QList<QPoint>{{4, 2}, {5, 3}, {1, 8}, {8, 8}} << QRect(1, 2, 8, 7);
+        QTest::newRow("first row widest") << QList<QPoint>{{1, 1}, {8, 1}, {4, 5}} << QRect(1, 1, 8, 5);
+    }
+    void paintedBounds()
+    {
+        QFETCH(QList<QPoint>, painted);
+        QImage image(10, 10, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::transparent);
+        for (const QPoint p : painted)
+            image.setPixel(p, qRgba(0, 0, 0, 1));
+        QTEST(textpainting::paintedBounds(image, {1, 1, 8, 8}), "bounds");
     }
 
     void subtitles_data()
