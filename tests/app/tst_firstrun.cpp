@@ -1,4 +1,4 @@
-#include "ChildCase.h"
+#include "Processes.h"
 #include "SecretStore.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"

@@ -1,5 +1,5 @@
 #include "Picture.h"
-#include "PictureCentre.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
 #include <QtTest>

@@ -1,9 +1,8 @@
 #include "Canvas.h"
-#include "GstTestRun.h"
+#include "GstSupport.h"
 #include "Media.h"
 #include "Output.h"
 #include "Picture.h"
-#include "PictureCentre.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
 

@@ -1,8 +1,7 @@
 #include "Canvas.h"
-#include "GstTestRun.h"
+#include "GstSupport.h"
 #include "Media.h"
 #include "Picture.h"
-#include "PictureCentre.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
 

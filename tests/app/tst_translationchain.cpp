@@ -1,11 +1,10 @@
 #include "Compositor.h"
-#include "MediaProbe.h"
 #include "Output.h"
+#include "Peers.h"
 #include "Picture.h"
-#include "SoundServer.h"
-#include "StandInHttpServer.h"
+#include "Processes.h"
+#include "StudioTestSetup.h"
 #include "StudioWindow.h"
-#include "TestHome.h"
 
 #include <QTest>
 #include <QtWidgets>

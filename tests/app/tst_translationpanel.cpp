@@ -1,11 +1,9 @@
 #include "AudioCapture.h"
+#include "Peers.h"
 #include "Picture.h"
 #include "SecretStore.h"
-#include "StandInHttpServer.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
-#include "TestHome.h"
-#include "TlsTestPeer.h"
 #include "TranslationText.h"
 
 #include <QTest>

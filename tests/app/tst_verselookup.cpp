@@ -1,11 +1,10 @@
 #include "Canvas.h"
 #include "Local.h"
+#include "Peers.h"
 #include "PropertyPanel.h"
 #include "SecretStore.h"
-#include "StandInHttpServer.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
-#include "TestHome.h"
 #include "i18n.h"
 
 #include <QTest>

@@ -1,8 +1,8 @@
 #include "Api.h"
 #include "Local.h"
 #include "Passage.h"
+#include "Peers.h"
 #include "Reference.h"
-#include "StandInHttpServer.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,16 +1,12 @@
 #include "AudioCapture.h"
-#include "AudioPeak.h"
 #include "AudioProcessing.h"
-#include "FakeDevice.h"
 #include "Frame.h"
-#include "GstTestRun.h"
+#include "GstSupport.h"
 #include "Media.h"
-#include "MediaProbe.h"
 #include "Output.h"
+#include "Processes.h"
 #include "RtmpServer.h"
-#include "SoundServer.h"
 #include "StreamTarget.h"
-#include "TlsTrust.h"
 
 #include <QDir>
 #include <QElapsedTimer>

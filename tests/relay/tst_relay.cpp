@@ -1,5 +1,5 @@
-#include "MediaProbe.h"
 #include "Output.h"
+#include "Processes.h"
 #include "RtmpServer.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"

@@ -1,6 +1,5 @@
-#include "GstTestRun.h"
+#include "GstSupport.h"
 #include "GstPtr.h"
-#include "FakeDevice.h"
 
 bool runToEnd(const QByteArray& description)
 {

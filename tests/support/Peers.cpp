@@ -1,5 +1,4 @@
-#include "StandInHttpServer.h"
-#include "TlsTestPeer.h"
+#include "Peers.h"
 
 #include <QFile>
 #include <QProcess>

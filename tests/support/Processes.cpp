@@ -1,7 +1,4 @@
-#include "ChildCase.h"
-#include "MediaProbe.h"
-#include "SoundServer.h"
-#include "SpokenAudio.h"
+#include "Processes.h"
 
 #include <QCoreApplication>
 #include <QDir>

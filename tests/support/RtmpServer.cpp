@@ -1,6 +1,5 @@
-#include "MediaProbe.h"
 #include "RtmpServer.h"
-#include "TlsTrust.h"
+#include "Processes.h"
 
 #include <QDeadlineTimer>
 #include <QDir>

@@ -3,7 +3,6 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QString>
-
 #include <memory>
 
 // nginx with its RTMP module on a free loopback port, recording each stream as <folder>/<key>.flv; with `tls` also
@@ -39,4 +38,18 @@ private:
     quint16 rtmpPort = 0, rtmpsPort = 0;
     std::unique_ptr<QProcess> nginx, watchdog;
     qint64 group = 0;
+};
+
+// While it lives, GIO's TLS clients in this process (GStreamer's RTMPS sink among them) verify peers against the
+// certificates of one file instead of the system store; chain, host name and dates are all still checked.
+class TlsTrust
+{
+public:
+    explicit TlsTrust(const QString& caFile);
+    ~TlsTrust();
+    bool ok() const { return failure.isEmpty(); }
+    QString errorString() const { return failure; }
+
+private:
+    QString failure;
 };

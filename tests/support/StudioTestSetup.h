@@ -1,6 +1,9 @@
 #pragma once
 
+#include <QColor>
 #include <QCoreApplication>
+#include <QDir>
+#include <QImage>
 #include <QSettings>
 #include <gst/gst.h>
 
@@ -13,4 +16,24 @@ inline void prepareStudioTest(bool firstRunDone = true)
     if (firstRunDone)
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
+}
+
+// Settings, secrets and the log of a test stay in its own folder, also when run by hand, and never reach the
+// user's keyring. Called before the application object exists.
+inline bool useTestHome(const QByteArray& home)
+{
+    QDir().mkpath(QString::fromUtf8(home));
+    qputenv("HOME", home);
+    qputenv("XDG_CONFIG_HOME", home + "/config");
+    qputenv("XDG_DATA_HOME", home + "/data");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home + "/no-bus");
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    return true;
+}
+
+// The colour at the middle of a monitor's picture; invalid while the monitor has no picture yet.
+inline QColor centreOf(const QImage& image)
+{
+    return image.isNull() ? QColor() : image.pixelColor(image.width() / 2, image.height() / 2);
 }

@@ -1,11 +1,10 @@
 #include "Captions.h"
 #include "Layer.h"
 #include "LiveTranscriber.h"
+#include "Peers.h"
+#include "Processes.h"
 #include "RtmpServer.h"
 #include "SceneDef.h"
-#include "SpokenAudio.h"
-#include "StandInHttpServer.h"
-#include "TlsTestPeer.h"
 #include "Translation.h"
 #include "TranslationText.h"
 

@@ -3,8 +3,8 @@
 #include "Captions.h"
 #include "Compositor.h"
 #include "FrameClock.h"
+#include "Peers.h"
 #include "SceneDef.h"
-#include "StandInHttpServer.h"
 #include "Translation.h"
 
 #include <QElapsedTimer>

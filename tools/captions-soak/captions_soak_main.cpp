@@ -8,8 +8,8 @@
 //   captions_soak hours=<h> numbers=<n> delivered=<n> skipped=<n> passed_empty=<n> in_order=<yes|no>
 //     all_accounted=<yes|no>//     rss_start_kb=<kb at 10 min> rss_hourly_kb=<kb,…> rss_end_kb=<kb> limit=<reached|missed>
 // Usage: velmora-captions-soak [--minutes M]   (simulated minutes before the limit, default 180)
-#include "SpokenAudio.h"
-#include "StandInHttpServer.h"
+#include "Peers.h"
+#include "Processes.h"
 #include "Translation.h"
 
 #include <QCoreApplication>

@@ -2,7 +2,7 @@
 // RTMP server, then checks with ffprobe what arrived. Its last line:
 //   soak streams=<N> expected=<frames> recorded=<frames> received_min=<frames> frame_stage_p99_ms=<ms>
 // Usage: velmora-soak [--streams N] [--seconds S]   (N from 0 to 4, S default 60)
-#include "MediaProbe.h"
+#include "Processes.h"
 #include "RtmpServer.h"
 #include "Startup.h"
 #include "StudioWindow.h"
