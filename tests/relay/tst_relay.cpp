@@ -42,20 +42,17 @@ private Q_SLOTS:
         QVERIFY(list.open(QIODevice::WriteOnly) && list.write(QStringLiteral("relay %1\n%2\n%3\n").arg(keys[0],
                 plain.url(keys[1]), secure.tlsUrl(keys[2], "localhost")).toUtf8()) > 0 && list.flush());
         const quint16 port = RtmpServer::freePort();
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("RELAY_PORT", QString::number(port));
-        environment.insert("RELAY_LEG_PORT", QString::number(RtmpServer::freePort()));
-        environment.insert("RELAY_FOLDER", folder + "/relay");
+        qputenv("RELAY_PORT", QByteArray::number(port));
+        qputenv("RELAY_LEG_PORT", QByteArray::number(RtmpServer::freePort()));
+        qputenv("RELAY_FOLDER", QFile::encodeName(folder + "/relay"));
         // Unknown: the platform's own certificate stands where its authority should.
-        environment.insert("RELAY_CA_FILE", trusted ? secure.caCertificate() : secure.folder() + "/server.crt");
+        qputenv("RELAY_CA_FILE", QFile::encodeName(trusted ? secure.caCertificate() : secure.folder() + "/server.crt"));
         QProcess relay;
-        relay.setProcessEnvironment(environment);
         relay.setProcessChannelMode(QProcess::MergedChannels);
         relay.start(QStringLiteral(VELMORA_SOURCE_DIR "/tools/relay/relay.sh"), {list.fileName()});
         const auto stopRelay = qScopeGuard([&relay] { relay.terminate(), relay.waitForFinished(10000); });
-        QVERIFY(relay.waitForStarted());
         QTcpSocket probe;
-        QTRY_VERIFY_WITH_TIMEOUT(relay.state() != QProcess::Running || (probe.connectToHost(QHostAddress::LocalHost,
+        QTRY_VERIFY_WITH_TIMEOUT(relay.state() == QProcess::NotRunning || (probe.connectToHost(QHostAddress::LocalHost,
                                  port), probe.waitForConnected(100)), 20000);
         QVERIFY2(relay.state() == QProcess::Running, relay.readAll().constData());
         StudioWindow window(false);
@@ -64,20 +61,17 @@ private Q_SLOTS:
         row.key->setText(relayKey ? keys[0] : QStringLiteral("a-guess-at-the-key"));
         row.button->click();
         const bool secureReached = relayKey && trusted;
-        const auto refused = [&folder] {
-            QFile log(folder + "/relay/error.log");
-            return log.open(QIODevice::ReadOnly) && log.readAll().contains("upstream SSL certificate verify error");
-        };
         QTRY_VERIFY2_WITH_TIMEOUT(row.output && row.output->videoFrames >= 120 &&
                                       (!relayKey || QFileInfo(plain.recording(keys[1])).size() > 100000) &&
-                                      (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 100000) &&
-                                      (trusted || refused()),
+                                      (!secureReached || QFileInfo(secure.recording(keys[2])).size() > 100000),
                                   qPrintable(plain.log() + secure.log()), 30000);
         row.button->click();
         QTRY_VERIFY_WITH_TIMEOUT((!relayKey || plain.publishEnded(keys[1])) &&
                                  (!secureReached || secure.publishEnded(keys[2])), 20000);
         plain.stop();
         secure.stop();
+        QFile log(folder + "/relay/error.log");
+        QVERIFY(trusted || (log.open(QIODevice::ReadOnly) && log.readAll().contains("SSL certificate verify error")));
         // Platforms start at a key frame and a busy machine forwards slowly: a second of pictures is the proof.
         for (const auto& [file, reached] : {std::pair(plain.recording(keys[1]), relayKey),
                                             std::pair(secure.recording(keys[2]), secureReached)}) {
