@@ -35,12 +35,12 @@ QByteArray translationAnswer(const QString& first, const QString& second = {})
 // Which phrase a transcription carries: 1600 × (n + 1) samples in a form of less than 3200 bytes more.
 int phraseOf(const Request& request) { return int(request.body.size() / 3200) - 1; }
 
-// The stand-in's usual answers: "Texto n" heard in phrase n, `said` as its translation.
-Response answering(const Request& request, const QString& said = "Phrase")
+// The stand-in's usual answers: "Texto n" heard in phrase n, "Phrase" as its translation.
+Response answering(const Request& request)
 {
     if (request.target.endsWith("transcriptions"))
         return {200, transcription(QStringLiteral("Texto %1").arg(phraseOf(request)))};
-    return {200, translationAnswer(said)};
+    return {200, translationAnswer("Phrase")};
 }
 
 // One engine against one stand-in service, with everything it tells the window kept.
@@ -104,12 +104,6 @@ std::vector<tavrin::AudioBlock> blocksOf(double seconds, double amplitude, int b
     return blocks;
 }
 
-QString typed(const char* type, QJsonObject more = {})
-{
-    more["type"] = QString::fromLatin1(type);
-    return QString::fromUtf8(QJsonDocument(more).toJson(QJsonDocument::Compact));
-}
-
 // Qt's own WebSocket server as the service: it keeps what our client sends, and confirms the session.
 struct QtPeer
 {
@@ -119,7 +113,6 @@ struct QtPeer
     QStringList types;
     QByteArray lastPong;
     bool confirm = true;
-    std::function<void(const QString& type)> onMessage = [](const QString&) {};
 
     QtPeer()
     {
@@ -132,13 +125,16 @@ struct QtPeer
                 types << received.last().value("type").toString();
                 if (confirm && types.last() == "session.update")
                     send("session.updated");
-                onMessage(types.last());
             });
             QObject::connect(socket, &QWebSocket::pong, socket,
                              [this](quint64, const QByteArray& data) { lastPong = data; });
         });
     }
-    void send(const char* type, const QJsonObject& more = {}) { socket->sendTextMessage(typed(type, more)); }
+    void send(const char* type, QJsonObject more = {})
+    {
+        more["type"] = QString::fromLatin1(type);
+        socket->sendTextMessage(QString::fromUtf8(QJsonDocument(more).toJson(QJsonDocument::Compact)));
+    }
 };
 
 } // namespace
@@ -150,20 +146,24 @@ class tst_Translation : public QObject
 private Q_SLOTS:
     void initTestCase() { QVERIFY(trustTestCertificate()); }
 
-    void serviceEvents()
+    void liveLink()
     {
         QtPeer peer;
-        peer.confirm = false;
         Session session(false, "es", peer.server.serverPort());
-        QTRY_COMPARE(peer.received.size(), 1);
-        // A model the service does not offer: the same connection is configured again by turns.
-        peer.send("error", {{"error", QJsonObject{{"message", "no such model"}}}});
-        QTRY_COMPARE(peer.received.size(), 2);
-        QCOMPARE(session.statuses.last(), "Modelo en vivo no disponible (no such model); se intenta por turnos.");
-        const QByteArray again = QJsonDocument(peer.received[1]).toJson(QJsonDocument::Compact);
-        QVERIFY(again.contains(R"("model":"gpt-4o-transcribe")") && again.contains(R"("type":"server_vad")"));
-        peer.send("transcription_session.updated");
+        session.service.answer = [](const Request& request) { return answering(request); };
         QTRY_VERIFY(session.live.ready);
+        QCOMPARE(peer.socket->request().rawHeader("Authorization"), "Bearer sk-test-5e7a-secret");
+        // Pieces of 100 ms and of 2 s, and the commit: Qt's server checks all three length forms. The
+        // pause ends the turn 0.45 s into the quiet, with all the audio sent before the commit.
+        session.feed(blocksOf(0.1, 0.3, 4800));
+        session.feed(blocksOf(2.0, 0.3, 96000));
+        session.feed(blocksOf(0.46, 0.0));
+        QTRY_COMPARE(peer.types.last(), "input_audio_buffer.commit");
+        QList<qsizetype> appended;
+        for (const QJsonObject& message : peer.received)
+            if (message.value("type") == "input_audio_buffer.append")
+                appended << QByteArray::fromBase64(message.value("audio").toString().toLatin1()).size();
+        QCOMPARE(appended, QList<qsizetype>({4800, 96000, 4800, 4800, 4800, 4800, 2880}));
 
         peer.socket->setOutgoingFrameSize(8); // one message in many fragments
         peer.send("conversation.item.input_audio_transcription.delta", {{"delta", "Hermanos, "}});
@@ -172,6 +172,7 @@ private Q_SLOTS:
                   {{"transcript", " Hermanos, buenos días. "}});
         QTRY_COMPARE(session.heard,
                      QStringList({"… Hermanos, ", "… Hermanos, buenos días", "Hermanos, buenos días."}));
+        QTRY_COMPARE(session.captions, QStringList{"Phrase"});
         // The longest ping a control frame may carry comes back whole, in the one-byte length form.
         peer.socket->ping(QByteArray(125, 'p'));
         QTRY_COMPARE(peer.lastPong, QByteArray(125, 'p'));
@@ -181,7 +182,28 @@ private Q_SLOTS:
 
         peer.socket->abort();
         QTRY_COMPARE(session.statuses.last(), lost);
-        QVERIFY(session.statuses.value(session.statuses.size() - 2).startsWith("Conexión en vivo "));
+        // Without the link, espeak-ng's sermon is cut locally, each phrase at its pause.
+        std::vector<float> speech = spokenStereo("es", R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/>)"
+                                                       R"( Abramos la Biblia en Juan. <break time="1200ms"/>)"
+                                                       R"( Dios es amor.</speak>)");
+        QVERIFY2(!speech.empty(), "espeak-ng or sox failed");
+        speech.resize(speech.size() + 192000);
+        for (std::size_t at = 0; at < speech.size(); at += 3200)
+            session.engine.feed({{speech.begin() + std::ptrdiff_t(at),
+                                  speech.begin() + std::ptrdiff_t(std::min(speech.size(), at + 3200))}, 0, {}, {}});
+        QTRY_COMPARE(session.captions.size(), 4);
+
+        // A model the service does not offer: the same connection is configured again by turns.
+        peer.confirm = false;
+        session.live.start("sk-test-5e7a-secret", "es", "x");
+        QTRY_COMPARE(peer.types.count("session.update"), 2);
+        peer.send("error", {{"error", QJsonObject{{"message", "no such model"}}}});
+        QTRY_COMPARE(peer.types.count("session.update"), 3);
+        QCOMPARE(session.statuses.last(), "Modelo en vivo no disponible (no such model); se intenta por turnos.");
+        const QByteArray again = QJsonDocument(peer.received.last()).toJson(QJsonDocument::Compact);
+        QVERIFY(again.contains(R"("model":"gpt-4o-transcribe")") && again.contains(R"("type":"server_vad")"));
+        peer.send("transcription_session.updated");
+        QTRY_VERIFY(session.live.ready);
         // A link that never comes up has nothing to hand over: the operator is told, and no more.
         session.live.endpoint = QStringLiteral("https://127.0.0.1:%1/v1/").arg(RtmpServer::freePort());
         session.live.start("sk-test-5e7a-secret", "es", "x");
@@ -190,56 +212,51 @@ private Q_SLOTS:
 
     void bytesFromTheNetwork_data()
     {
-        QTest::addColumn<QByteArray>("answer");  // the upgrade answer, then frames
-        QTest::addColumn<int>("splitAt");        // where the bytes are cut into two writes; 0 for one
+        QTest::addColumn<QByteArray>("answer");  // the upgrade answer, then frames; the last 9 bytes written apart
         QTest::addColumn<QString>("lastStatus"); // what the link told the operator last
         const QByteArray upgrade = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n";
-        const QByteArray updated = upgrade + serverFrame(0x81, typed("session.updated").toUtf8());
+        const QByteArray confirmed = R"({"type":"session.updated"})";
+        const QByteArray updated = upgrade + serverFrame(0x81, confirmed);
         const QString tooBig = "Conexión en vivo cerrada: mensaje demasiado grande.";
-        const auto row = [](const char* name, const QByteArray& bytes, const QString& status = {}, int split = 0) {
-            QTest::newRow(name) << bytes << split << status;
+        const auto row = [](const char* name, const QByteArray& bytes, const QString& status = {}) {
+            QTest::newRow(name) << bytes << status;
         };
-        row("frame split inside its payload", updated, active, int(upgrade.size() + 9));
+        row("session confirmed", updated, active);
         row("close frame", updated + serverFrame(0x88, "\x03\xe8"), "Conexión en vivo cerrada por el servidor.");
         row("a length that wraps around with the fragments",
             upgrade + serverFrame(0x01, "ab") + serverFrame(0x80, "x", ~0ull - 1), tooBig);
         row("fragments past the bound",
-            upgrade + serverFrame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 10, 'a')) +
-                serverFrame(0x80, QByteArray(20, 'b')),
+            upgrade + serverFrame(0x01, QByteArray(LiveTranscriber::maxMessageBytes - 3, 'a')) +
+                serverFrame(0x80, QByteArray(4, 'b')),
             tooBig);
         row("refused upgrade", "HTTP/1.1 401 Unauthorized\r\n\r\n",
             "Modo en vivo rechazado: HTTP/1.1 401 Unauthorized");
         row("header that never ends", QByteArray(LiveTranscriber::maxHeaderBytes + 1, 'h'),
             "Modo en vivo rechazado: " + QString(120, u'h'));
         row("binary, unknown opcodes and text not JSON",
-            upgrade + serverFrame(0x82, typed("session.updated").toUtf8()) + QByteArray::fromHex("8f008b7e0002abcd") +
+            upgrade + serverFrame(0x82, confirmed) + QByteArray::fromHex("8f008b7e0002abcd") +
                 serverFrame(0x81, "\xff{not json"));
     }
     void bytesFromTheNetwork()
     {
         QFETCH(QByteArray, answer);
-        QFETCH(int, splitAt);
         QFETCH(QString, lastStatus);
-        // The session is up after a confirmation; it is gone when closed or refused.
         const bool ready = lastStatus == active;
-        const bool unavailable = lastStatus.startsWith("Conexión en vivo cerrada") || lastStatus.contains("rechazado");
         RawTlsPeer peer;
         Session session(false, "es", peer.server.serverPort());
         QTRY_VERIFY(peer.handshaken());
         QVERIFY(peer.fromClient.startsWith("GET /v1/realtime?intent=transcription HTTP/1.1\r\nHost: 127.0.0.1\r\n"));
-        if (splitAt > 0) {
-            peer.socket->write(answer.left(splitAt));
-            QTRY_VERIFY(!session.live.inbox.isEmpty() || session.live.upgraded);
-            QVERIFY(!session.live.ready);
-        }
-        peer.socket->write(answer.mid(splitAt));
-        QTRY_VERIFY(session.statuses.contains(lost) ||
-                    (ready ? session.live.ready : session.live.inbox.isEmpty() && session.live.upgraded));
+        peer.socket->write(answer.chopped(9));
+        QTRY_VERIFY(!session.live.inbox.isEmpty() || session.live.upgraded);
+        QVERIFY(!session.live.ready);
+        peer.socket->write(answer.right(9));
+        QTRY_VERIFY(session.statuses.contains(lost) || session.live.ready ||
+                    (session.live.inbox.isEmpty() && session.live.upgraded));
         QTRY_COMPARE(session.live.ready, ready);
         QStringList told = session.statuses.mid(1); // after the engine's own "connecting"
         told.removeAll(lost);
         QCOMPARE(told.value(told.size() - 1), lastStatus);
-        QCOMPARE(session.statuses.contains(lost), unavailable);
+        QCOMPARE(session.statuses.contains(lost), !ready && !lastStatus.isEmpty()); // closed or refused
     }
 
     void turnDecisions_data()
@@ -283,65 +300,6 @@ private Q_SLOTS:
         QTEST(session.live.samplesSinceCommit, "samplesSinceCommit");
         session.live.stop(); // the connection is cut at once
         QTRY_COMPARE(peer.socket->state(), QAbstractSocket::UnconnectedState);
-    }
-
-    void audioPieces()
-    {
-        QtPeer peer;
-        Session session(false, "es", peer.server.serverPort());
-        QTRY_VERIFY(session.live.ready);
-        QCOMPARE(session.statuses.last(), active);
-        QCOMPARE(peer.socket->request().rawHeader("Authorization"), "Bearer sk-test-5e7a-secret");
-        // Pieces of 100 ms and of 2 s, and the commit: Qt's server checks all three length forms. The
-        // pause ends the turn 0.45 s into the quiet, with all the audio sent before the commit.
-        session.feed(blocksOf(0.1, 0.3, 4800));
-        session.feed(blocksOf(2.0, 0.3, 96000));
-        session.feed(blocksOf(0.46, 0.0));
-        QTRY_COMPARE(peer.types.last(), "input_audio_buffer.commit");
-        QList<qsizetype> appended;
-        for (const QJsonObject& message : peer.received)
-            if (message.value("type") == "input_audio_buffer.append")
-                appended << QByteArray::fromBase64(message.value("audio").toString().toLatin1()).size();
-        QCOMPARE(appended, QList<qsizetype>({4800, 96000, 4800, 4800, 4800, 4800, 2880}));
-    }
-
-    void liveRouteInTheEngine()
-    {
-        // Partial texts to the Heard line, turns to the captions; without the link, espeak-ng's sermon is cut locally.
-        QtPeer peer;
-        peer.onMessage = [&peer](const QString& type) {
-            if (type == "input_audio_buffer.append")
-                peer.send("conversation.item.input_audio_transcription.delta", {{"delta", "pa "}});
-            else if (type == "input_audio_buffer.commit")
-                peer.send("conversation.item.input_audio_transcription.completed", {{"transcript", "Turno"}});
-        };
-        Session session(false, "es", peer.server.serverPort());
-        session.service.answer = [](const Request& request) { return answering(request); };
-        QTRY_VERIFY(session.live.ready);
-        session.feed(blocksOf(1.0, 0.3));
-        session.feed(blocksOf(0.5, 0.0));
-        QTRY_COMPARE(session.captions, QStringList{"Phrase"});
-        QVERIFY(session.heard.contains("… pa pa ") && session.heard.contains("Turno"));
-
-        peer.socket->abort();
-        QTRY_VERIFY(!session.live.ready);
-        QCOMPARE(session.statuses.last(), lost);
-        std::vector<float> speech = spokenStereo("es", R"(<speak>Hermanos, buenos días a todos. <break time="900ms"/>)"
-                                                       R"( Abramos la Biblia en Juan. <break time="1200ms"/>)"
-                                                       R"( Dios es amor.</speak>)");
-        QVERIFY2(!speech.empty(), "espeak-ng or sox failed");
-        speech.resize(speech.size() + 192000);
-        for (std::size_t at = 0; at < speech.size(); at += 3200)
-            session.engine.feed({{speech.begin() + std::ptrdiff_t(at),
-                                  speech.begin() + std::ptrdiff_t(std::min(speech.size(), at + 3200))}, 0, {}, {}});
-        QTRY_COMPARE(session.captions.size(), 4); // three phrases, each cut at its pause
-    }
-
-    void speechSamples()
-    {
-        // The service's speech: low byte first, each sample four times; a last odd byte is ignored.
-        const std::vector<float> samples = captions::speechToStereo(QByteArray("\x00\x40\x00\x80\x7f", 5));
-        QCOMPARE(QList<float>(samples.begin(), samples.end()), QList<float>({0.5f, 0.5f, 0.5f, 0.5f, -1, -1, -1, -1}));
     }
 
     void feedRules_data()
@@ -426,7 +384,6 @@ private Q_SLOTS:
         QCOMPARE(session.heard.contains("(repetido, descartado) amén amén"), script.contains("t:same"));
         const Request first = session.requestsTo("audio/transcriptions").first();
         QCOMPARE(first.headers.value("authorization"), "Bearer sk-test-5e7a-secret");
-        // The language, then the WAV last.
         QVERIFY(first.body.contains("name=\"language\"\r\n\r\nes\r\n"));
         QVERIFY(first.body.contains("filename=\"church.wav\"\r\nContent-Type: audio/wav\r\n\r\n" +
                                     translation_text::wavFile(std::vector<std::int16_t>(1600)) + "\r\n--"));
@@ -434,22 +391,9 @@ private Q_SLOTS:
         QVERIFY(instructed["instructions"].toString().contains("Haitian Creole as a human"));
     }
 
-    void queueLimit()
+    void limits()
     {
-        Session session;
-        session.service.holding = true;
-        for (int i = 0; i < 10; ++i) {
-            session.feed(blocksOf(1.5, 0.2, 1600));
-            session.feed(blocksOf(0.8, 0.0, 1600));
-        }
-        QCOMPARE(session.engine.inFlight, 3);
-        QCOMPARE(int(session.engine.segments.size()), 6);
-        QCOMPARE(session.engine.nextId, 9);
-        QCOMPARE(session.statuses.count("IA con retraso; se omite un segmento."), 1);
-    }
-
-    void slowNumberSkipped()
-    {
+        // The captions wait seven seconds for a slow phrase, and no longer.
         Session session;
         session.service.answer = [](const Request& request) {
             Response response = answering(request);
@@ -466,6 +410,22 @@ private Q_SLOTS:
         QCOMPARE(session.captions, QStringList{"Phrase"});
         QVERIFY(session.statuses.contains("Se omitió un segmento lento para no detener la pantalla."));
         QVERIFY(session.statuses.last().startsWith("Subtítulo actualizado · 7.0 s"));
+        // Three requests at a time, the silent one included, and six waiting: more are passed over, and told.
+        session.service.holding = true;
+        for (int i = 0; i < 10; ++i) {
+            session.feed(blocksOf(1.5, 0.2, 1600));
+            session.feed(blocksOf(0.8, 0.0, 1600));
+        }
+        QCOMPARE(session.engine.inFlight, 3);
+        QCOMPARE(int(session.engine.segments.size()), 6);
+        QCOMPARE(session.statuses.count("IA con retraso; se omite un segmento."), 2);
+        // The session ends three hours after its start, not a millisecond sooner.
+        session.clockMs += Translation::sessionLimitMs - 7001;
+        session.feed(blocksOf(0.1, 0.2, 1600));
+        QVERIFY(session.engine.running);
+        session.clockMs += 1;
+        session.feed(blocksOf(0.1, 0.2, 1600));
+        QCOMPARE(session.statuses.last(), "IA pausada tras 3 horas; inicia otra sesion si corresponde.");
     }
 
     void audioRouteAndVoice_data()
@@ -506,20 +466,7 @@ private Q_SLOTS:
         QTEST(!session.speech.isEmpty(), "voiced");
     }
 
-    void threeHourLimit()
-    {
-        Session session;
-        session.feed(blocksOf(1.0, 0.2, 1600));
-        session.clockMs += Translation::sessionLimitMs;
-        session.feed(blocksOf(0.1, 0.2, 1600));
-        QVERIFY(session.engine.running);
-        session.clockMs += 1;
-        session.feed(blocksOf(0.1, 0.2, 1600));
-        QVERIFY(!session.engine.running);
-        QCOMPARE(session.statuses.last(), "IA pausada tras 3 horas; inicia otra sesion si corresponde.");
-    }
-
-    void captionFit()
+    void captionHelpers()
     {
         SceneDef scene;
         scene.layers.resize(2);
@@ -534,6 +481,9 @@ private Q_SLOTS:
         QCOMPARE(captions::fit({"uno", "dos", "tres"}, "cuatro", "\n", box), QStringList({"tres", "cuatro"}));
         const QString words = QString(400, u'x').replace(u'x', "palabra ");
         QCOMPARE(captions::fit({"uno"}, words, "\n", box), QStringList{words});
+        // The service's speech: low byte first, each sample four times; a last odd byte is ignored.
+        const std::vector<float> samples = captions::speechToStereo(QByteArray("\x00\x40\x00\x80\x7f", 5));
+        QCOMPARE(QList<float>(samples.begin(), samples.end()), QList<float>({0.5f, 0.5f, 0.5f, 0.5f, -1, -1, -1, -1}));
     }
 };
 
