@@ -6,19 +6,16 @@
 
 namespace {
 
-// The field of the last form row, or whole-row button, with that text (the title may share it).
+// The field of the last labelled form row, or the button, with that text (the title may share it).
 QWidget* field(QWidget& panel, const QString& label)
 {
     QWidget* found = nullptr;
-    for (QFormLayout* form : panel.findChildren<QFormLayout*>())
-        for (int row = 0; row < form->rowCount(); ++row)
-            for (auto role : {QFormLayout::LabelRole, QFormLayout::SpanningRole}) {
-                QWidget* widget = form->itemAt(row, role) ? form->itemAt(row, role)->widget() : nullptr;
-                if (auto* text = qobject_cast<QLabel*>(widget); text && text->text() == label)
-                    found = form->itemAt(row, QFormLayout::FieldRole)->widget();
-                if (auto* button = qobject_cast<QAbstractButton*>(widget); button && button->text() == label)
-                    found = button;
-            }
+    for (QLabel* text : panel.findChildren<QLabel*>())
+        if (text->text() == label && text->buddy())
+            found = text->buddy();
+    for (QAbstractButton* button : panel.findChildren<QAbstractButton*>())
+        if (button->text() == label)
+            found = button;
     return found;
 }
 
@@ -56,9 +53,8 @@ private Q_SLOTS:
         Layer* selected = nullptr;
         int changes = 0;
         panel->currentLayer = [&] { return selected; };
-        panel->changed = [&] { ++changes; };
+        panel->changed = panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->pickColour = [&](const QColor&, bool) { return ++changes, QColor(1, 2, 3); };
-        panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->findVerse = [&](const QString&) { ++changes; };
         using K = Layer::Kind;
         using Case = std::tuple<K, const char*, QVariant, QJsonObject>;
