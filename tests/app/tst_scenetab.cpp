@@ -1,6 +1,5 @@
 #include "Canvas.h"
 #include "Media.h"
-#include "SceneLimits.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
@@ -48,7 +47,7 @@ QStringList rows(const QListWidget* list)
 // A layer; a video one has a source of its own, to see when the scene lets it go.
 Layer named(const QString& name, Layer::Kind kind = Layer::Kind::Color)
 {
-    Layer layer{.kind = kind, .name = name};
+    Layer layer = Layer::fromJson({{"kind", kind == Layer::Kind::Video ? "video" : "color"}, {"name", name}});
     if (kind == Layer::Kind::Video)
         layer.media = std::make_shared<Media>(64, 36, nullptr, std::string(), true, false);
     return layer;
