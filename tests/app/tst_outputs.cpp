@@ -15,15 +15,6 @@ using namespace Qt::StringLiterals;
 
 static const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT), tone = folder + u"/tone.wav"_s;
 static const QString nullMonitor = u"Monitor of Null Output"_s;
-static const QString sourcesOpen = u"Fuentes abiertas. Prepara una escena y pulsa AL AIRE."_s;
-
-static void press(const StudioWindow& window, const QString& text = u"Conectar fuentes"_s)
-{
-    for (QPushButton* each : window.findChildren<QPushButton*>())
-        if (each->text() == text)
-            return each->click();
-    QFAIL(qPrintable(u"no button "_s + text));
-}
 
 static void answerNextBox(QMessageBox::StandardButton answer)
 {
@@ -46,19 +37,9 @@ class tst_Outputs : public QObject
     Q_OBJECT
     SoundServer soundServer{folder + u"/runtime"_s};
 
-    static void onAir(StudioWindow& window)
-    {
-        window.audioCombo->setCurrentIndex(1); // test tone
-        window.connectSources();
-        window.fadeCheck->setChecked(false);
-        window.take();
-        QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
-        QSettings().setValue(u"onboarding_complete"_s, true);
         QDir().mkpath(folder);
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + folder.toUtf8() + "/no-bus"); // not the user's keyring
         QVERIFY(soundServer.clearFolder());
@@ -67,31 +48,35 @@ private Q_SLOTS:
                          "rate=48000,channels=2 ! wavenc ! filesink location=\"" + QFile::encodeName(tone) + '"'));
     }
 
-    void sourcesOnConnectRefreshAndFailure()
+    // Sources: a real sink's monitor, no input, a refresh, devices gone when opened. Then outputs: a refused
+    // destination or recording shows why and changes nothing; then a recording, a row that reaches the server and
+    // a row that reaches nobody. Closing asks first: "no" keeps all on air, "yes" ends the file.
+    void sourcesThenOutputs()
     {
+        RtmpServer server(folder + u"/rtmp"_s);
+        QVERIFY(server.ok());
         StudioWindow window(false);
         const std::shared_ptr<Media> pattern = window.camera;
         window.audioCombo->setCurrentIndex(window.audioCombo->findText(nullMonitor));
-        press(window);
-        QCOMPARE(window.statusLabel->text(), sourcesOpen);
+        window.connectSources();
+        QCOMPARE(window.statusLabel->text(), u"Fuentes abiertas. Prepara una escena y pulsa AL AIRE."_s);
         // The sink plays nothing yet: its monitor runs, and the meter stays down.
         QTRY_VERIFY_WITH_TIMEOUT(window.capture->blockCount >= 10, 5000);
         QCOMPARE(window.inputMeter->value(), 0);
         QVERIFY(soundServer.play(tone));
         const auto stopPlayer = qScopeGuard([this] { soundServer.stopPlaying(); });
         QTRY_VERIFY_WITH_TIMEOUT(window.inputMeter->value() > 0 && peakOf(window.programAudio) > 0.1f, 10000);
-        QVERIFY(window.programAudio.size() <= 96000);
         // No input: the running camera stays, nothing is captured.
         window.audioCombo->setCurrentIndex(0);
-        press(window);
+        window.connectSources();
         QVERIFY(!window.capture && window.camera == pattern);
         QTRY_VERIFY(window.programAudio.empty() && window.inputMeter->value() == 0);
         // A refresh drops a device gone and finds it back.
         runTool(u"pactl"_s, {u"unload-module"_s, u"module-null-sink"_s});
-        press(window, u"Actualizar dispositivos"_s);
+        window.refreshDevices();
         QCOMPARE(window.audioCombo->findText(nullMonitor), -1);
         runTool(u"pactl"_s, {u"load-module"_s, u"module-null-sink"_s, u"sink_name=studio"_s});
-        press(window, u"Actualizar dispositivos"_s);
+        window.refreshDevices();
         QVERIFY(window.audioCombo->findText(nullMonitor) >= 2); // after "none" and the test tone
         // Listed, but gone when opened: the old camera stays, and a camera failure does not stop the audio.
         for (const bool camera : {false, true}) {
@@ -102,7 +87,7 @@ private Q_SLOTS:
             combo->setCurrentIndex(combo->count() - 1);
             if (camera)
                 window.audioCombo->setCurrentIndex(1);
-            press(window);
+            window.connectSources();
             QCOMPARE(window.statusLabel->text(), camera ? u"Cámara: Falta componente de fuente multimedia"_s
                                                         : u"Audio: Faltan componentes de captura de audio"_s);
             QVERIFY(window.camera == pattern && window.cameraIndex == -1 && bool(window.capture) == camera);
@@ -110,26 +95,26 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(
                 window.camera->frameCount > frames + 5 && (!camera || window.capture->blockCount >= 5), 5000);
         }
-    }
-
-    // One run: a recording, a row that reaches the server and a row that reaches nobody.
-    void streamAndRecordWhileARowFails()
-    {
-        RtmpServer server(folder + u"/rtmp"_s);
-        QVERIFY(server.ok());
-        StudioWindow window(false);
-        onAir(window);
-        const QString path = folder + u"/program.webm"_s, key = u"tick-stream-key"_s, failingKey = u"nobody"_s;
-        QFile::remove(path);
-        QElapsedTimer wallClock;
-        wallClock.start();
-        window.startRecording(path);
-        QSettings().remove(u"language"_s);
-        window.languageCombo->setCurrentIndex(1);
-        QCOMPARE(window.statusLabel->text(), u"Detén las salidas antes de cambiar el idioma."_s);
-        QVERIFY(window.languageCombo->currentIndex() == 0 && !QSettings().contains(u"language"_s));
-
         Destination &row = window.destinations[3], &failing = window.destinations[2];
+        row.server->setText(u"rtmp://127.0.0.1/app?key=abc"_s);
+        row.key->setText(u"k"_s);
+        for (const bool recording : {false, true}) {
+            answerNextBox(QMessageBox::Ok);
+            window.runGuarded([&] { recording ? window.startRecording(u"/no/such/a.webm"_s) : row.button->click(); });
+            const QString badServer = u"Servidor RTMP/RTMPS inválido. Separa la clave del servidor."_s;
+            QCOMPARE(window.statusLabel->text(), recording ? u"No se pudo iniciar salida"_s : badServer);
+            QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
+            QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
+                     u"Iniciar● Grabarrtmp://127.0.0.1/app?key=abck"_s);
+        }
+        window.fadeCheck->setChecked(false); // the test tone and the test pattern from above
+        window.take();
+        QTRY_VERIFY_WITH_TIMEOUT(window.camera->frameCount > 2 && !window.programAudio.empty(), 10000);
+        const QString path = folder + u"/program.webm"_s, closing = folder + u"/closing.webm"_s;
+        const QString key = u"tick-stream-key"_s, failingKey = u"nobody"_s;
+        QFile::remove(path);
+        QFile::remove(closing);
+        window.startRecording(path);
         for (auto [each, port, text] : {std::tuple{&row, server.port(), key},
                                         {&failing, RtmpServer::freePort(), failingKey}}) {
             each->server->setText(u"rtmp://127.0.0.1:%1/app/"_s.arg(port));
@@ -138,7 +123,7 @@ private Q_SLOTS:
         }
         window.startSelectedDestinations();
         QCOMPARE(row.status->text(), u"Enviando · confirma recepción en la plataforma"_s);
-        answerNextBox(QMessageBox::No); // closing asks first; "no" keeps everything on air
+        answerNextBox(QMessageBox::No);
         QVERIFY(!window.close());
         QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
         QVERIFY(failing.status->text().startsWith(u"Fallo de salida (codigo "_s));
@@ -151,7 +136,6 @@ private Q_SLOTS:
         row.button->click();
         QVERIFY(row.status->text() == u"Detenido"_s && !window.formatCombo->isEnabled());
         window.recordButton->click();
-        const double recordedFor = wallClock.elapsed() / 1000.0;
         QCOMPARE(window.recordButton->text(), u"Finalizando..."_s);
         QTRY_VERIFY_WITH_TIMEOUT(!window.recording && window.retired.empty(), 20000);
         QCOMPARE(window.statusLabel->text(), u"Grabación guardada correctamente"_s);
@@ -159,45 +143,18 @@ private Q_SLOTS:
         server.stop();
         const auto sent = probeStreams(server.recording(key)), streams = probeStreams(path);
         QVERIFY(sent.value(u"h264"_s).frames >= int(pushed / 2) && sent.value(u"aac"_s).frames > 0);
-        const int frames = streams.value(u"vp8"_s).frames;
-        QVERIFY(streams.contains(u"vorbis"_s) && frames > 30 && playThrough(path).isEmpty());
-        // The paced clock's timestamps: a period apart at least, never ahead of the wall clock.
-        const double seconds = probeDuration(path);
-        QVERIFY(seconds >= (frames - 1) / 30.0 - 0.05 && seconds <= recordedFor + 0.3);
+        QVERIFY(streams.contains(u"vorbis"_s) && streams.value(u"vp8"_s).frames > 30 && playThrough(path).isEmpty());
         // The keys appear nowhere but in their fields: the log tells only their length and start.
         QString texts = QString::fromUtf8(contents(StudioWindow::logPath()));
         QVERIFY(texts.contains(u"clave: 15 caracteres, empieza \"tick\""_s));
         for (const QString& setting : QSettings().allKeys())
             texts += QSettings().value(setting).toString();
         QVERIFY(!texts.contains(key) && !texts.contains(failingKey));
-    }
-
-    // A refused destination or recording shows why, and changes nothing. Closing while recording asks first;
-    // "yes" finishes the file.
-    void refusedEntryThenClosingWhileRecording()
-    {
-        const QString path = folder + u"/closing.webm"_s;
-        QFile::remove(path);
-        StudioWindow window(false);
-        Destination& row = window.destinations[3];
-        row.server->setText(u"rtmp://127.0.0.1/app?key=abc"_s);
-        row.key->setText(u"k"_s);
-        for (const bool recording : {false, true}) {
-            answerNextBox(QMessageBox::Ok);
-            window.runGuarded([&] { recording ? window.startRecording(u"/no/such/a.webm"_s) : row.button->click(); });
-            const QString badServer = u"Servidor RTMP/RTMPS inválido. Separa la clave del servidor."_s;
-            QCOMPARE(window.statusLabel->text(), recording ? u"No se pudo iniciar salida"_s : badServer);
-            QVERIFY(!window.outputsRunning() && window.formatCombo->isEnabled());
-            QCOMPARE(row.button->text() + window.recordButton->text() + row.server->text() + row.key->text(),
-                     u"Iniciar● Grabarrtmp://127.0.0.1/app?key=abck"_s);
-        }
-        window.show();
-        onAir(window);
-        window.startRecording(path);
+        window.startRecording(closing);
         QTRY_VERIFY_WITH_TIMEOUT(window.recording->videoFrames >= 30, 20000);
         answerNextBox(QMessageBox::Yes);
         QVERIFY(window.close() && window.recording->ended);
-        QVERIFY(playThrough(path).isEmpty() && probeDuration(path) > 0.9);
+        QVERIFY(playThrough(closing).isEmpty() && probeDuration(closing) > 0.9);
     }
 
     void killedRecordingIsRepairedAtTheNextStart()
@@ -217,9 +174,8 @@ private Q_SLOTS:
         QVERIFY(studio.waitForFinished() && QSettings().value(u"unfinished_recording"_s).toString() == path);
         const QByteArray original = contents(path);
         StudioWindow window(false);
-        QTRY_VERIFY_WITH_TIMEOUT(std::ranges::any_of(window.findChildren<QLabel*>(), [&](QLabel* label) {
-            return label->text() == u"Grabación interrumpida reparada: "_s + repaired;
-        }), 60000);
+        QTRY_COMPARE_WITH_TIMEOUT(window.statusLabel->text(), u"Grabación interrumpida reparada: "_s + repaired,
+                                  60000);
         QVERIFY(!QSettings().contains(u"unfinished_recording"_s));
         const double seconds = probeDuration(repaired);
         QVERIFY(seconds > wallSeconds / 2 && seconds <= wallSeconds + 0.5);

@@ -6,19 +6,16 @@
 
 namespace {
 
-// The field of the last form row, or whole-row button, with that text (the title may share it).
+// The field of the last labelled form row, or the button, with that text (the title may share it).
 QWidget* field(QWidget& panel, const QString& label)
 {
     QWidget* found = nullptr;
-    for (QFormLayout* form : panel.findChildren<QFormLayout*>())
-        for (int row = 0; row < form->rowCount(); ++row)
-            for (auto role : {QFormLayout::LabelRole, QFormLayout::SpanningRole}) {
-                QWidget* widget = form->itemAt(row, role) ? form->itemAt(row, role)->widget() : nullptr;
-                if (auto* text = qobject_cast<QLabel*>(widget); text && text->text() == label)
-                    found = form->itemAt(row, QFormLayout::FieldRole)->widget();
-                if (auto* button = qobject_cast<QAbstractButton*>(widget); button && button->text() == label)
-                    found = button;
-            }
+    for (QLabel* text : panel.findChildren<QLabel*>())
+        if (text->text() == label && text->buddy())
+            found = text->buddy();
+    for (QAbstractButton* button : panel.findChildren<QAbstractButton*>())
+        if (button->text() == label)
+            found = button;
     return found;
 }
 
@@ -56,22 +53,21 @@ private Q_SLOTS:
         Layer* selected = nullptr;
         int changes = 0;
         panel->currentLayer = [&] { return selected; };
-        panel->changed = [&] { ++changes; };
+        panel->changed = panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->pickColour = [&](const QColor&, bool) { return ++changes, QColor(1, 2, 3); };
-        panel->changeImage = panel->restartVideo = [&] { ++changes; };
         panel->findVerse = [&](const QString&) { ++changes; };
-        using K = Layer::Kind;
-        using Case = std::tuple<K, const char*, QVariant, QJsonObject>;
+        using Case = std::tuple<const char*, const char*, QVariant, QJsonObject>; // the kind as the project names it
         for (const auto& [kind, control, value, written] : {
-                 Case{K::Video, "Ajustar a pantalla completa", {}, {{"x", 0}, {"y", 0}, {"w", 1}, {"h", 1}}},
-                 Case{K::Image, "Alinear en pantalla", 4, {{"x", 0.25}, {"y", 0.375}}},
-                 Case{K::Verse, "Nombre", "Aviso", {{"name", "Aviso"}}},
-                 Case{K::Text, "Negrita", {}, {{"bold", false}}}, Case{K::Color, "Color", {}, {{"fill", "#ff010203"}}},
-                 Case{K::Text, "Alineación", 1, {{"align", 132}}}, // centred both ways
-                 Case{K::Screen, "Rellenar el recuadro (recorta bordes, sin franjas negras)", {}, {{"cover", true}}},
-                 Case{K::Image, "Cambiar imagen...", {}, {}}, Case{K::Video, "Reiniciar video", {}, {}},
-                 Case{K::Verse, "Buscar versículo", {}, {}}}) {
-            Layer layer{.kind = kind, .rect = QRectF(0.25, 0.5, 0.5, 0.25), .align = 66};
+                 Case{"video", "Ajustar a pantalla completa", {}, {{"x", 0}, {"y", 0}, {"w", 1}, {"h", 1}}},
+                 Case{"image", "Alinear en pantalla", 4, {{"x", 0.25}, {"y", 0.375}}},
+                 Case{"verse", "Nombre", "Aviso", {{"name", "Aviso"}}},
+                 Case{"text", "Negrita", {}, {{"bold", false}}}, Case{"color", "Color", {}, {{"fill", "#ff010203"}}},
+                 Case{"text", "Alineación", 1, {{"align", 132}}}, // centred both ways
+                 Case{"screen", "Rellenar el recuadro (recorta bordes, sin franjas negras)", {}, {{"cover", true}}},
+                 Case{"image", "Cambiar imagen...", {}, {}}, Case{"video", "Reiniciar video", {}, {}},
+                 Case{"verse", "Buscar versículo", {}, {}}}) {
+            Layer layer = Layer::fromJson({{"kind", kind}, {"x", 0.25}, {"y", 0.5}, {"w", 0.5}, {"h", 0.25},
+                                           {"align", 66}});
             QJsonObject expected = layer.toJson();
             changes = 0;
             selected = nullptr;
