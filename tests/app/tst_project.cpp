@@ -2,7 +2,6 @@
 #include "GstSupport.h"
 #include "Media.h"
 #include "Output.h"
-#include "Picture.h"
 #include "StudioTestSetup.h"
 #include "StudioWindow.h"
 
