@@ -1,4 +1,3 @@
-#include "Compositor.h"
 #include "MediaProbe.h"
 #include "Output.h"
 #include "Picture.h"
