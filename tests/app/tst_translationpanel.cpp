@@ -76,7 +76,6 @@ private Q_SLOTS:
     void cleanup() // whatever a case did, the key never reached the log
     {
         window.reset();
-        standIn.reset();
         QFile log(StudioWindow::logPath());
         QVERIFY(!log.open(QIODevice::ReadOnly) || !log.readAll().contains(aiKey.toUtf8()));
     }
@@ -174,8 +173,7 @@ private Q_SLOTS:
 
         RawTlsPeer peer;
         window->translation.live.endpoint = u"https://127.0.0.1:%1/v1/"_s.arg(peer.server.serverPort());
-        window->aiKeyField->setText(aiKey);
-        press(u"Iniciar traducción"_s);
+        startSession();
         QTRY_VERIFY(peer.handshaken());
         const auto said = [&peer](const QByteArray& json) { peer.socket->write(serverFrame(0x81, json)); };
         peer.socket->write("HTTP/1.1 101 Switching Protocols\r\n\r\n");
