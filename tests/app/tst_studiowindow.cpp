@@ -4,6 +4,7 @@
 
 #include <QTest>
 #include <QtWidgets>
+#include <stdexcept>
 
 // Answers the next message box with `answer`, noting its text in `seen`.
 static void answerNextBox(QMessageBox::StandardButton answer, QString* seen)
