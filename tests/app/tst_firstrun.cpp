@@ -8,16 +8,6 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-namespace {
-// Runs `step` from the event loop after the window's start-up work, with the modal dialog open then.
-bool whenStarted(const std::function<void(QWidget*)>& step)
-{
-    bool ran = false;
-    QTimer::singleShot(0, [&] { step(QApplication::activeModalWidget()), ran = true; });
-    return QTest::qWaitFor([&] { return ran; });
-}
-} // namespace
-
 class tst_FirstRun : public QObject
 {
     Q_OBJECT
@@ -52,8 +42,10 @@ private Q_SLOTS:
         const QString secrets = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation) + "/secrets.json";
         QVERIFY(!refused || QDir().mkpath(secrets));
         auto window = std::make_unique<StudioWindow>(false);
-        QVERIFY(whenStarted([&](QWidget* modal) {
-            auto* wizard = qobject_cast<QWizard*>(modal);
+        bool ran = false;
+        QTimer::singleShot(0, [&] { // from the event loop after the window's start-up work: in its wizard
+            ran = true;
+            auto* wizard = qobject_cast<QWizard*>(QApplication::activeModalWidget());
             QVERIFY(wizard);
             wizard->next();
             wizard->currentPage()->findChild<QLineEdit*>()->setText(key);
@@ -68,18 +60,13 @@ private Q_SLOTS:
             QCOMPARE(wizard->isVisible() ? wizard->currentId() : -1, refused ? 1 : -1);
             if (wizard->isVisible())
                 wizard->reject();
-        }));
+        });
+        QVERIFY(QTest::qWaitFor([&] { return ran; }));
         QCOMPARE(window->aiKeyField->text(), key);
         QCOMPARE(readSecretFile(u"openai"_s), stored);
         QVERIFY(refused || QFile::remove(secrets) || stored.isEmpty());
         QCOMPARE(readSecret(u"openai"_s), stored); // the keyring's copy, with the file gone
-        window = std::make_unique<StudioWindow>(false); // a cancelled wizard comes back, a finished one never
-        QVERIFY(whenStarted([&](QWidget* modal) {
-            QCOMPARE(bool(qobject_cast<QWizard*>(modal)), refused);
-            if (modal)
-                qobject_cast<QDialog*>(modal)->reject();
-        }));
-        QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused);
+        QCOMPARE(QSettings().value(u"onboarding_complete"_s).toBool(), !refused); // else the wizard comes back
     }
 };
 

@@ -29,26 +29,9 @@ private Q_SLOTS:
         prepareStudioTest();
     }
 
-    // A failing handler is shown in the present language and logged.
-    void shell()
-    {
-        tavrin_i18n::language() = QStringLiteral("en");
-        const auto backToSpanish = qScopeGuard([] { tavrin_i18n::language() = QStringLiteral("es"); });
-        StudioWindow window(false);
-        QPushButton* failing = window.button(QStringLiteral("x"));
-        window.action(failing, [] { throw std::runtime_error("Proyecto inválido"); });
-        QFile log(StudioWindow::logPath());
-        const qint64 logged = log.size(); // 0 on a first run, before any line was written
-        QString boxText;
-        answerNextBox(QMessageBox::Ok, &boxText);
-        failing->click();
-        QVERIFY(boxText == "Invalid project" && window.statusLabel->text() == boxText);
-        QVERIFY(log.open(QIODevice::ReadOnly) && log.seek(logged));
-        QVERIFY(log.readAll().contains("  UI: Invalid project\n"));
-    }
-
     // The language is kept for the next start; the present one asks nothing, and No keeps the window open.
-    void languageCombo()
+    // A failing handler is shown in the language of the moment and logged.
+    void languageAndFailures()
     {
         StudioWindow window(false);
         window.show();
@@ -67,6 +50,18 @@ private Q_SLOTS:
         QCOMPARE(question, QStringLiteral("El idioma cambiará al volver a abrir la app. ¿Reiniciar ahora?"));
         QCOMPARE(tavrin_i18n::language(), QStringLiteral("es")); // never changed inside a running process
         QVERIFY(window.isVisible());
+
+        tavrin_i18n::language() = QStringLiteral("en");
+        QPushButton* failing = window.button(QStringLiteral("x"));
+        window.action(failing, [] { throw std::runtime_error("Proyecto inválido"); });
+        QFile log(StudioWindow::logPath());
+        const qint64 logged = log.size(); // 0 on a first run, before any line was written
+        QString boxText;
+        answerNextBox(QMessageBox::Ok, &boxText);
+        failing->click();
+        QVERIFY(boxText == "Invalid project" && window.statusLabel->text() == boxText);
+        QVERIFY(log.open(QIODevice::ReadOnly) && log.seek(logged));
+        QVERIFY(log.readAll().contains("  UI: Invalid project\n"));
     }
 };
 

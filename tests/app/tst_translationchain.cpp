@@ -1,4 +1,3 @@
-#include "Compositor.h"
 #include "Output.h"
 #include "Peers.h"
 #include "Picture.h"
@@ -69,7 +68,6 @@ private Q_SLOTS:
         window.voiceCheck->setChecked(true);
         QVERIFY(window.capture && soundServer.play(speech));
         window.translateButton->click();
-        QVERIFY(window.translation.running);
 
         // Each phrase its own line on the Hall picture, in the order spoken, and each one voiced.
         const QStringList expected{"Phrase 1", "Phrase 2", "Phrase 3"};
