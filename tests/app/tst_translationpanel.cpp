@@ -156,7 +156,7 @@ private Q_SLOTS:
         window->translation.nowMs = [start = window->translation.sessionStart] {
             return start + Translation::sessionLimitMs + 1;
         };
-        window->translation.feed({std::vector<float>(3200)});
+        window->translation.feed({std::vector<float>(3200), 0, {}, {}});
         const QString ended = u"IA pausada tras 3 horas; inicia otra sesion si corresponde."_s;
         QTRY_COMPARE(window->aiStatusLabel->text(), ended);
         QVERIFY(status() == u"IA: "_s + ended && window->captions.isEmpty() && window->voiceAudio.empty());

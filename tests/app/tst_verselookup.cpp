@@ -111,13 +111,13 @@ private Q_SLOTS:
         open({{u"apibible_id"_s, u"old-id"_s}, {u"apibible_name"_s, u"Una Biblia vieja (UBV)"_s}});
         QCOMPARE(window->verseLanguage(), u"en"_s); // automatic: following the English subtitles
         QTest::keyClick(window->bibleCombo, Qt::Key_Down); // to the Spanish Bible
-        window->addLayer(Layer{Layer::Kind::Verse});
-        window->addLayer(Layer{Layer::Kind::Text}); // a text layer in front is passed over
+        window->addLayer(Layer::fromJson({{"kind", "verse"}}));
+        window->addLayer(Layer::fromJson({{"kind", "text"}})); // a text layer in front is passed over
         window->canvas->select(0);
         type(window->quickVerseField, u"Juan 3:16"_s);
         QCOMPARE(window->canvas->selected, 1);
         QCOMPARE(layer(1).text, john316());
-        window->addLayer(Layer{Layer::Kind::Verse});
+        window->addLayer(Layer::fromJson({{"kind", "verse"}}));
         window->canvas->select(1);
         type(citationField(), u"Juan 1:1"_s, false);
         QCOMPARE(click(window->propertyPanel, u"Buscar versículo"_s), QString());
