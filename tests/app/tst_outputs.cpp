@@ -123,6 +123,9 @@ private Q_SLOTS:
         }
         window.startSelectedDestinations();
         QCOMPARE(row.status->text(), u"Enviando · confirma recepción en la plataforma"_s);
+        window.languageCombo->setCurrentIndex(1); // no change of language on air, and nothing stored
+        QCOMPARE(window.statusLabel->text(), u"Detén las salidas antes de cambiar el idioma."_s);
+        QVERIFY(window.languageCombo->currentIndex() == 0 && QSettings().value(u"language"_s, u"es"_s) == u"es"_s);
         answerNextBox(QMessageBox::No);
         QVERIFY(!window.close());
         QTRY_VERIFY_WITH_TIMEOUT(!failing.output, 20000);
