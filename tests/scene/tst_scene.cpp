@@ -435,6 +435,14 @@ private Q_SLOTS:
         const std::pair<const char*, std::function<void(Layer&)>> edits[] = {
             {"new picture, the old one freed",
              [](Layer& l) { l.image = l.image ? busyFrame(64, 48, 200, false) : nullptr; }},
+            // Where the allocator may put a new picture: the freed one's address and size, under a new owner.
+            {"new picture in the old one's memory", [](Layer& l) {
+                 if (!l.image)
+                     return;
+                 *l.image = *busyFrame(64, 48, 201, false);
+                 const auto keeper = std::make_shared<std::shared_ptr<tavrin::Frame>>(l.image);
+                 l.image = std::shared_ptr<tavrin::Frame>(keeper, l.image.get());
+             }},
             {"new text", [](Layer& l) { l.text += QStringLiteral(" amén"); }},
             {"new colour", [](Layer& l) { l.color = QColor(255, 0, 0); }},
             {"moved box", [](Layer& l) { l.rect.translate(0.013, 0.02); }},
