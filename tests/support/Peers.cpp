@@ -77,12 +77,12 @@ void StandInHttpServer::send(QTcpSocket* socket, const Response& response)
 
 static QTemporaryDir certificateFolder;
 
-QString testCertificateFile()
+static QString testCertificateFile()
 {
     return certificateFolder.filePath(QStringLiteral("c.pem"));
 }
 
-QString testKeyFile()
+static QString testKeyFile()
 {
     return certificateFolder.filePath(QStringLiteral("k.pem"));
 }

@@ -56,8 +56,6 @@ private:
 // A certificate for 127.0.0.1 made once per process, which its TLS clients then trust (only the anchor is the
 // test's own); false when openssl failed. Call it before the client sockets are made.
 bool trustTestCertificate();
-QString testCertificateFile(); // the certificate's files, for a peer in another process
-QString testKeyFile();
 QSslConfiguration testServerConfiguration(); // what a server on loopback answers TLS with
 
 // A frame as a WebSocket server writes it, final; `announced` overrides the length it states.

@@ -37,8 +37,6 @@ ChildOutcome runCaseInChild(const QString& outputFolder, const char* variable, c
                        "printf %s test-password | gnome-keyring-daemon --unlock --components=secrets >/dev/null "
                        "|| { echo 'gnome-keyring-daemon did not start' >&2; exit 97; }; exec \"$0\" \"$1\"",
                        self, caseName});
-    else if (bus == ChildBus::Empty)
-        process.start(QStringLiteral("dbus-run-session"), {"--", self, caseName});
     else
         process.start(self, {caseName});
     if (!process.waitForStarted(10000) || !process.waitForFinished(60000))

@@ -14,7 +14,6 @@
 enum class ChildBus {
     None,    // no bus at all
     Nowhere, // an address where nothing listens
-    Empty,   // a private D-Bus session with no Secret Service on it
     Keyring, // a private D-Bus session with a freshly unlocked gnome-keyring
 };
 
