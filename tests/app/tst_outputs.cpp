@@ -16,14 +16,6 @@ using namespace Qt::StringLiterals;
 static const QString folder = QStringLiteral(VELMORA_TEST_OUTPUT), tone = folder + u"/tone.wav"_s;
 static const QString nullMonitor = u"Monitor of Null Output"_s;
 
-static void answerNextBox(QMessageBox::StandardButton answer)
-{
-    QTimer::singleShot(0, [answer] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
-            box->button(answer)->click();
-    });
-}
-
 static QByteArray contents(const QString& path)
 {
     QFile file(path);

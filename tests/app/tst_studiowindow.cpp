@@ -6,17 +6,6 @@
 #include <QtWidgets>
 #include <stdexcept>
 
-// Answers the next message box with `answer`, noting its text in `seen`.
-static void answerNextBox(QMessageBox::StandardButton answer, QString* seen)
-{
-    QTimer::singleShot(0, qApp, [answer, seen] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            *seen = box->text();
-            box->button(answer)->click();
-        }
-    });
-}
-
 class tst_StudioWindow : public QObject
 {
     Q_OBJECT

@@ -64,12 +64,8 @@ private Q_SLOTS:
         prepareStudioTest();
         standIn = std::make_unique<StandInHttpServer>();
         QVERIFY(testHome && trustTestCertificate() && standIn->listen());
-        QSettings settings;
-        settings.clear();
-        settings.setValue(u"onboarding_complete"_s, true);
-        settings.setValue(u"openai_endpoint"_s, standIn->endpoint());
-        QFile::remove(QFileInfo(StudioWindow::logPath()).path() + u"/secrets.json"_s);
-        QFile::remove(StudioWindow::logPath());
+        clearStudioState();
+        QSettings().setValue(u"openai_endpoint"_s, standIn->endpoint());
     }
     void cleanup() // whatever a case did, the key never reached the log
     {

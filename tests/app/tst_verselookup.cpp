@@ -89,13 +89,9 @@ private Q_SLOTS:
         prepareStudioTest();
         standIn = std::make_unique<StandInHttpServer>();
         QVERIFY(testHome && standIn->listen());
-        QSettings settings;
-        settings.clear();
-        settings.setValue(u"onboarding_complete"_s, true);
-        settings.setValue(u"apibible_endpoint"_s, standIn->endpoint());
-        settings.setValue(u"openai_endpoint"_s, standIn->endpoint());
-        QFile::remove(QFileInfo(StudioWindow::logPath()).path() + u"/secrets.json"_s);
-        QFile::remove(StudioWindow::logPath());
+        clearStudioState();
+        QSettings().setValue(u"apibible_endpoint"_s, standIn->endpoint());
+        QSettings().setValue(u"openai_endpoint"_s, standIn->endpoint());
     }
     void cleanup() // whatever a case did, no key reached the log
     {

@@ -1,10 +1,14 @@
 #pragma once
 
+#include "StudioWindow.h"
+
+#include <QApplication>
 #include <QColor>
-#include <QCoreApplication>
 #include <QDir>
 #include <QImage>
+#include <QMessageBox>
 #include <QSettings>
+#include <QTimer>
 #include <gst/gst.h>
 
 // What a test of the studio does first: the studio's settings names and GStreamer; and, unless the test is
@@ -16,6 +20,29 @@ inline void prepareStudioTest(bool firstRunDone = true)
     if (firstRunDone)
         QSettings().setValue(QStringLiteral("onboarding_complete"), true);
     gst_init(nullptr, nullptr);
+}
+
+// A case that starts from nothing an earlier one left: only the finished first run in the settings, no stored
+// secrets, no log.
+inline void clearStudioState()
+{
+    QSettings settings;
+    settings.clear();
+    settings.setValue(QStringLiteral("onboarding_complete"), true);
+    QFile::remove(QFileInfo(StudioWindow::logPath()).path() + QStringLiteral("/secrets.json"));
+    QFile::remove(StudioWindow::logPath());
+}
+
+// Answers the next message box with `answer`, noting its text in `seen` when given.
+inline void answerNextBox(QMessageBox::StandardButton answer, QString* seen = nullptr)
+{
+    QTimer::singleShot(0, qApp, [answer, seen] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            if (seen)
+                *seen = box->text();
+            box->button(answer)->click();
+        }
+    });
 }
 
 // Settings, secrets and the log of a test stay in its own folder, also when run by hand, and never reach the
